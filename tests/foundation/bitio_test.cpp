@@ -1,0 +1,240 @@
+// Bit reader and writer: the fast paths against a literal bit-by-bit model,
+// the past-end patterns, Exp-Golomb edge values and NAL unit emission.
+#include <gtest/gtest.h>
+
+#include <random>
+#include <string>
+#include <vector>
+
+#include "foundation/bitio/bitio.h"
+
+using namespace qnv;
+
+namespace {
+
+// ---- A literal model of the reader rules --------------------------------
+
+uint32_t modelBit(const BitBuffer& bb, uint32_t p) { return (bb.data[p >> 3] >> (7 - (p & 7))) & 1u; }
+
+uint64_t modelRead(BitBuffer& bb, uint32_t n, unsigned width) {
+    if (static_cast<int32_t>(n) <= 0) return 0;
+    uint64_t r = 0;
+    for (uint32_t place = n; place-- > 0;) {
+        uint32_t p = bb.bitPos++;
+        uint64_t v = p > bb.sizeBits ? 0xFFFFFFFFull : modelBit(bb, p);
+        r |= v << (place % width);
+    }
+    return width == 32 ? r & 0xFFFFFFFFull : r;
+}
+
+uint32_t modelUe(BitBuffer& bb) {
+    uint32_t zeros = 0;
+    for (;;) {
+        uint32_t p = bb.bitPos++;
+        if (p > bb.sizeBits || modelBit(bb, p) == 1 || p + 1 >= bb.sizeBits) break;
+        ++zeros;
+    }
+    return static_cast<uint32_t>(modelRead(bb, zeros, 32)) - 1u + (1u << (zeros & 31));
+}
+
+std::string bits(const std::vector<uint8_t>& bytes, uint32_t count) {
+    std::string s;
+    for (uint32_t p = 0; p < count; ++p) s += ((bytes[p >> 3] >> (7 - (p & 7))) & 1) ? '1' : '0';
+    return s;
+}
+
+template <typename Write>
+std::string written(Write write) {
+    std::vector<uint8_t> buf(32, 0xAA);  // writers must overwrite, not OR
+    BitBuffer bb{buf.data(), 0, 0, 0};
+    write(&bb);
+    return bits(buf, bb.bitPos);
+}
+
+}  // namespace
+
+TEST(BitReader, MatchesLiteralModelEverywhere) {
+    std::mt19937 rng(7);
+    for (int round = 0; round < 20000; ++round) {
+        std::vector<uint8_t> data(24);
+        for (auto& b : data) b = rng() % 4 == 0 ? 0 : static_cast<uint8_t>(rng());
+        uint32_t sizeBits = rng() % (8 * 20);
+        uint32_t pos = rng() % (sizeBits + 12);
+        uint32_t n = round % 10 == 0 ? rng() % 200 : rng() % 66;
+        BitBuffer a{data.data(), 0, sizeBits, pos}, b = a;
+        switch (round % 4) {
+            case 0: ASSERT_EQ(ReadBits(&a, n), modelRead(b, n, 32)) << pos << "/" << sizeBits << " n=" << n; break;
+            case 1: ASSERT_EQ(ReadBits64(&a, n), modelRead(b, n, 64)) << pos << "/" << sizeBits << " n=" << n; break;
+            case 2: ASSERT_EQ(ReadExponentialGolombCode(&a), modelUe(b)) << pos << "/" << sizeBits; break;
+            case 3:
+                ASSERT_EQ(ReadBit(&a), pos > sizeBits ? 0xFFFFFFFFu : modelBit(b, pos));
+                b.bitPos++;
+                break;
+        }
+        ASSERT_EQ(a.bitPos, b.bitPos);
+    }
+}
+
+TEST(BitReader, PastEndPatterns) {
+    uint8_t data[2] = {0xA5, 0x80};  // one data byte, then the spare byte
+    BitBuffer bb{data, 0, 8, 8};
+    EXPECT_EQ(ReadBit(&bb), 1u);  // the bit at sizeBits comes from memory
+    EXPECT_EQ(ReadBit(&bb), 0xFFFFFFFFu);
+    EXPECT_EQ(bb.bitPos, 10u);
+
+    // Once a read passes the limit, place 0 is a past-end bit: all 32 bits set.
+    bb = BitBuffer{data, 0, 8, 7};
+    EXPECT_EQ(ReadBits(&bb, 3), 0xFFFFFFFFu);
+    EXPECT_EQ(bb.bitPos, 10u);
+    bb = BitBuffer{data, 0, 8, 5};
+    EXPECT_EQ(ReadBits(&bb, 4), 0xBu);  // bits 5..8, the last from the spare byte
+    // In 64 bits each past-end place sets the 32 places from its own upward.
+    bb = BitBuffer{data, 0, 8, 9};
+    EXPECT_EQ(ReadBits64(&bb, 3), 0x3FFFFFFFFull);
+
+    bb = BitBuffer{data, 0, 8, 3};
+    EXPECT_EQ(ReadBits(&bb, 0), 0u);
+    EXPECT_EQ(ReadBits(&bb, 0x80000000u), 0u);
+    EXPECT_EQ(bb.bitPos, 3u);
+    // A huge count on a tiny buffer finishes at once and folds to all ones.
+    EXPECT_EQ(ReadBits(&bb, 0x7FFFFFFFu), 0xFFFFFFFFu);
+    EXPECT_EQ(bb.bitPos, 3u + 0x7FFFFFFFu);
+}
+
+TEST(BitReader, CodedNumbersAndExpGolomb) {
+    uint8_t coded[] = {0xFF, 0xFF, 0x05, 0x00};
+    BitBuffer bb = bitReader(coded, 3);
+    EXPECT_EQ(ReadCodedNumber(&bb), 515u);
+    uint8_t five[] = {0x05, 0x00};
+    bb = bitReader(five, 1);
+    EXPECT_EQ(ReadCodedNumber(&bb), 5u);
+
+    // 1 | 010 | 011 | 00100, twice: ue 0, 1, 2, 3, then se 0, 1, -1, 2
+    uint8_t ue[] = {0xA6, 0x4A, 0x64, 0x00};
+    bb = bitReader(ue, 3);
+    EXPECT_EQ(ReadExponentialGolombCode(&bb), 0u);
+    EXPECT_EQ(ReadExponentialGolombCode(&bb), 1u);
+    EXPECT_EQ(ReadExponentialGolombCode(&bb), 2u);
+    EXPECT_EQ(ReadExponentialGolombCode(&bb), 3u);
+    EXPECT_EQ(ReadExponentialGolombCodeSigned(&bb), 0);
+    EXPECT_EQ(ReadExponentialGolombCodeSigned(&bb), 1);
+    EXPECT_EQ(ReadExponentialGolombCodeSigned(&bb), -1);
+    EXPECT_EQ(ReadExponentialGolombCodeSigned(&bb), 2);
+}
+
+TEST(BitWriter, ExpGolombCodes) {
+    auto ue = [](int32_t v) { return written([v](BitBuffer* bb) { WriteExponentialGolombCode(bb, v); }); };
+    auto se = [](int32_t v) { return written([v](BitBuffer* bb) { WriteSignedExponentialGolombCode(bb, v); }); };
+    EXPECT_EQ(ue(0), "1");
+    EXPECT_EQ(ue(1), "010");
+    EXPECT_EQ(ue(65535), std::string(16, '0') + "1" + std::string(16, '0'));
+    // From x = 2^24 up the code carries 48 extra leading zeros.
+    EXPECT_EQ(ue(0xFFFFFE), std::string(23, '0') + "1" + std::string(23, '1'));
+    EXPECT_EQ(ue(0xFFFFFF), std::string(72, '0') + "1" + std::string(24, '0'));
+    EXPECT_EQ(se(0), "1");
+    EXPECT_EQ(se(1), "00101");  // codeNum 4: the writer's own positive mapping
+    EXPECT_EQ(se(-1), "011");
+
+    EXPECT_EQ(LengthExponentialGolombCode(0), 1u);
+    EXPECT_EQ(LengthExponentialGolombCode(1), 3u);
+    EXPECT_EQ(LengthExponentialGolombCode(2), 3u);
+    EXPECT_EQ(LengthExponentialGolombCode(3), 5u);
+    EXPECT_EQ(LengthExponentialGolombCode(127), 15u);
+    EXPECT_EQ(LengthExponentialGolombCode(-1), 2u);
+
+    EXPECT_EQ(written([](BitBuffer* bb) { WriteBits(bb, 1, 6); }), "0");
+    EXPECT_EQ(written([](BitBuffer* bb) { WriteBits(bb, 0, 7); }), "");
+    EXPECT_EQ(written([](BitBuffer* bb) { WriteBits(bb, 34, -2); }), std::string(33, '1') + "0");
+    EXPECT_EQ(written([](BitBuffer* bb) { WriteBits64(bb, 66, 1); }), "010" + std::string(62, '0') + "1");
+}
+
+TEST(BitWriter, RandomCodesReadBack) {
+    std::mt19937 rng(11);
+    std::vector<uint32_t> codes;
+    std::vector<uint8_t> buf(1 << 16);
+    BitBuffer w{buf.data(), static_cast<uint32_t>(buf.size()), 0, 0};
+    for (int i = 0; i < 4000; ++i) {
+        codes.push_back((rng() >> (rng() % 32)) % 0xFFFFFF);  // below the 48-zero band
+        WriteExponentialGolombCode(&w, static_cast<int32_t>(codes.back()));
+        WriteBits(&w, 5, i & 31);
+    }
+    BitBuffer r{buf.data(), 0, w.bitPos, 0};
+    for (int i = 0; i < 4000; ++i) {
+        uint32_t k = codes[i];
+        if (i % 2) {
+            ASSERT_EQ(ReadExponentialGolombCode(&r), k);
+        } else {
+            int32_t expected = k % 2 ? static_cast<int32_t>((k + 1) / 2) : -static_cast<int32_t>(k / 2);
+            ASSERT_EQ(ReadExponentialGolombCodeSigned(&r), expected);
+        }
+        ASSERT_EQ(ReadBits(&r, 5), static_cast<uint32_t>(i & 31));
+    }
+}
+
+TEST(BitBuffer, MemoryGuardKeepsAccessInsideSizeBytes) {
+    uint8_t data[4] = {0xFF, 0xFF, 0xEE, 0xEE};
+    BitBuffer bb{data, 2, 20, 12};
+    EXPECT_EQ(ReadBits(&bb, 8), 0xF0u);  // bits 16..19 lie inside sizeBits but past sizeBytes
+    bb.bitPos = 14;
+    WriteBits(&bb, 8, 0);
+    EXPECT_EQ(data[1], 0xFC);
+    EXPECT_EQ(data[2], 0xEE);  // dropped
+    EXPECT_EQ(bb.bitPos, 22u);
+}
+
+TEST(EmitNalUnit, EmulationPreventionAndFraming) {
+    // `unusedBits`: low bits of the last byte that are not yet written.
+    auto emit = [](std::vector<uint8_t> rbsp, uint32_t sizeIndex, uint8_t lengthPrefix, uint32_t unusedBits = 0) {
+        std::vector<uint8_t> scratch(rbsp.size() + 8, 0);
+        std::copy(rbsp.begin(), rbsp.end(), scratch.begin());
+        BitBuffer s{scratch.data(), static_cast<uint32_t>(scratch.size()), 0,
+                    static_cast<uint32_t>(rbsp.size() * 8 - unusedBits)};
+        std::vector<uint8_t> out(rbsp.size() * 2 + 16, 0xEE);
+        BitBuffer o{out.data(), static_cast<uint32_t>(out.size()), 0, 16};  // two bytes already in the output
+        EmitNalUnit(&s, &o, sizeIndex, lengthPrefix);
+        return std::vector<uint8_t>(out.begin() + 2, out.begin() + (o.bitPos >> 3));
+    };
+    using V = std::vector<uint8_t>;
+    EXPECT_EQ(emit({0, 0, 0, 1, 0x4E, 0, 0, 0, 0}, 0xFFFFFFFF, 0),
+              (V{0, 0, 0, 1, 0x4E, 0, 0, 3, 0, 0, 0x80}));
+    EXPECT_EQ(emit({0, 0, 0, 1, 0x4E, 0, 0, 0, 0, 0}, 0xFFFFFFFF, 0),
+              (V{0, 0, 0, 1, 0x4E, 0, 0, 3, 0, 0, 3, 0, 0x80}));
+    EXPECT_EQ(emit({0, 0, 0, 1, 0x4E, 0, 0, 2}, 0xFFFFFFFF, 0), (V{0, 0, 0, 1, 0x4E, 0, 0, 2, 0x80}));
+    EXPECT_EQ(emit({0, 0, 0, 1, 0x4E, 0x01, 0x05}, 0xFFFFFFFF, 1), (V{0, 0, 0, 4, 0x4E, 0x01, 0x05, 0x80}));
+    // The size byte is patched after the SEI payload alignment (1 then zeros).
+    EXPECT_EQ(emit({0, 0, 0, 1, 0x4E, 0x01, 0x05, 0x00, 0xAA}, 7, 0), (V{0, 0, 0, 1, 0x4E, 0x01, 0x05, 0x01, 0xAA, 0x80}));
+    EXPECT_EQ(emit({0, 0, 0, 1, 0x4E, 0x01, 0x05, 0x00, 0xA0}, 7, 0, 5),
+              (V{0, 0, 0, 1, 0x4E, 0x01, 0x05, 0x01, 0xB0, 0x80}));
+}
+
+TEST(EmitNalUnit, OutputUnescapesToInputWithoutStartCodes) {
+    std::mt19937 rng(3);
+    for (int round = 0; round < 3000; ++round) {
+        std::vector<uint8_t> rbsp = {0, 0, 0, 1, 0x02};
+        size_t n = rng() % 40;
+        for (size_t i = 0; i < n; ++i) rbsp.push_back(rng() % 3 == 0 ? static_cast<uint8_t>(rng() % 4) : 0);
+        rbsp.push_back(static_cast<uint8_t>(1u << (rng() % 8)));  // stop bit byte
+        std::vector<uint8_t> scratch = rbsp;
+        scratch.resize(rbsp.size() + 2);
+        BitBuffer s{scratch.data(), 0, 0, static_cast<uint32_t>(rbsp.size() * 8)};
+        s.bitPos = static_cast<uint32_t>(rbsp.size() * 8);
+        // Emit appends its own trailing byte: drop it again for the comparison.
+        std::vector<uint8_t> out(rbsp.size() * 2 + 8);
+        BitBuffer o{out.data(), 0, 0, 0};
+        EmitNalUnit(&s, &o, 0xFFFFFFFF, 0);
+        out.resize((o.bitPos >> 3) - 1);
+        std::vector<uint8_t> back(out.begin(), out.begin() + 4);
+        int zeros = 0;
+        for (size_t i = 4; i < out.size(); ++i) {
+            if (i + 2 < out.size() && out[i] == 0 && out[i + 1] == 0)
+                ASSERT_GT(out[i + 2], 1) << "start code emulation at " << i;
+            if (zeros >= 2 && out[i] == 3) {
+                zeros = 0;
+                continue;
+            }
+            zeros = out[i] == 0 ? zeros + 1 : 0;
+            back.push_back(out[i]);
+        }
+        ASSERT_EQ(back, rbsp);
+    }
+}

@@ -1,0 +1,248 @@
+// Host services: diagnostics, configuration store, files, base64.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "qnvutil/qxutil.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+struct Captured {
+    std::vector<std::pair<uint32_t, std::string>> lines;
+};
+void capture(uint32_t level, const char* line, void* context) {
+    static_cast<Captured*>(context)->lines.emplace_back(level, line);
+}
+
+// A fresh configuration folder per test, named by QNVUTIL_CONFIG_DIR.
+class ConfigStore : public ::testing::Test {
+protected:
+    void SetUp() override {
+        dir = fs::temp_directory_path() / ("qnvcfg-" + std::to_string(::getpid()) + "-" +
+                                           ::testing::UnitTest::GetInstance()->current_test_info()->name());
+        fs::remove_all(dir);
+        ::setenv("QNVUTIL_CONFIG_DIR", dir.c_str(), 1);
+        QxSetLogSink(capture, &log);
+    }
+    void TearDown() override {
+        QxSetLogSink(nullptr, nullptr);
+        fs::remove_all(dir);
+    }
+    fs::path dir;
+    Captured log;
+};
+
+}  // namespace
+
+TEST(Diagnostics, OneLinePerMessageToTheSink) {
+    Captured log;
+    QxSetLogSink(capture, &log);
+    ErrOut("Diskcache seek failed 0x%08X ", 5u);
+    ErrFmtOut(0x80000000u, 0, 0, "WARNING(XMLmCmd): %s\n", "Exception: MediaCmdToXML() ");
+    qxOutputDebugString("two\nlines");
+    std::string longText(3000, 'a');
+    ErrOut("%s", longText.c_str());
+    QxSetLogSink(nullptr, nullptr);
+    ErrOut("to standard error");
+    ASSERT_EQ(log.lines.size(), 4u);
+    EXPECT_EQ(log.lines[0], std::make_pair(QX_LOG_ERROR, std::string("Diskcache seek failed 0x00000005 ")));
+    EXPECT_EQ(log.lines[1], std::make_pair(0x80000000u, std::string("WARNING(XMLmCmd): Exception: MediaCmdToXML() ")));
+    EXPECT_EQ(log.lines[2], std::make_pair(QX_LOG_DEBUG, std::string("two lines")));
+    EXPECT_EQ(log.lines[3].second, longText);
+}
+
+TEST(Base64, EncodesWithLineBreaksWithinTheCallersSizing) {
+    auto encode = [](const std::string& in) {
+        uint32_t m = static_cast<uint32_t>(in.size()) * 4 / 3 + 4;
+        std::vector<char> out(m + m / 72 + 17, '#');
+        uint32_t n = 0;
+        base64_encode(reinterpret_cast<const uint8_t*>(in.data()), static_cast<uint32_t>(in.size()), &n, out.data());
+        EXPECT_EQ(std::strlen(out.data()), n);
+        return std::string(out.data());
+    };
+    EXPECT_EQ(encode(""), "");
+    EXPECT_EQ(encode("f"), "Zg==");
+    EXPECT_EQ(encode("fo"), "Zm8=");
+    EXPECT_EQ(encode("foo"), "Zm9v");
+    std::string text = encode(std::string(108, '\xFB'));  // 144 characters: one break, none at the end
+    ASSERT_EQ(text.size(), 145u);
+    EXPECT_EQ(text[72], '\n');
+    EXPECT_EQ(text.substr(0, 4), "+/v7");
+    for (uint32_t n : {0u, 1u, 53u, 54u, 55u, 1000u, 4112u}) encode(std::string(n, 'x'));
+}
+
+TEST_F(ConfigStore, DefaultStoreReadsWritesAndKeepsKeyPaths) {
+    uint32_t v = 0;
+    EXPECT_EQ(qxCFGValueDword(QXCFG_DEFAULT, "Quellbox\\Advanced", "ForceVideoRangeMatrix", &v, 0), QXCFG_MISSING);
+    v = 1;
+    EXPECT_EQ(qxCFGValueDword(QXCFG_DEFAULT, "Quellbox\\Advanced", "ForceVideoRangeMatrix", &v, 1), 0u);
+    v = 0;
+    EXPECT_EQ(qxCFGValueDword(QXCFG_DEFAULT, "quellbox\\advanced", "forcevideorangematrix", &v, 0), 0u);
+    EXPECT_EQ(v, 1u);
+    std::ifstream in(dir / "default.xml");
+    std::string file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    EXPECT_NE(file.find("path=\"Quellbox\\Advanced\""), std::string::npos);
+
+    std::string text = "line\r\nwith <tags> & \x01 bytes\xE9";
+    text += std::string(1, '\0') + "after a NUL";
+    uint32_t len = static_cast<uint32_t>(text.size());
+    EXPECT_EQ(qxCFGValueString(QXCFG_DEFAULT, "Quellbox\\MetaData", "Label", const_cast<char*>(text.data()), &len, 1), 0u);
+    len = 99;
+    EXPECT_EQ(qxCFGValueString(QXCFG_DEFAULT, "Quellbox\\MetaData", "Label", nullptr, &len, 0), 0u);
+    ASSERT_EQ(len, text.size());
+    std::vector<char> buf(len + 4, 0);
+    EXPECT_EQ(qxCFGValueString(QXCFG_DEFAULT, "Quellbox\\MetaData", "Label", buf.data(), &len, 0), 0u);
+    EXPECT_EQ(std::string(buf.data(), len), text);
+    uint32_t small = 4;
+    EXPECT_EQ(qxCFGValueString(QXCFG_DEFAULT, "Quellbox\\MetaData", "Label", buf.data(), &small, 0), 0u);
+    EXPECT_EQ(small, text.size());
+    len = 0;
+    EXPECT_EQ(qxCFGValueString(QXCFG_DEFAULT, "Quellbox\\MetaData", "Nothing", nullptr, &len, 0), 0u);
+    EXPECT_EQ(len, 0u);
+    EXPECT_EQ(qxCFGDeleteValue(QXCFG_DEFAULT, "Quellbox\\MetaData", "Label"), 0u);
+    EXPECT_EQ(qxCFGDeleteValue(QXCFG_DEFAULT, "Quellbox\\MetaData", "Label"), QXCFG_MISSING);
+    EXPECT_TRUE(log.lines.empty());
+}
+
+TEST_F(ConfigStore, OpenedStoreKeepsWritesOnlyWhenAsked) {
+    QXCFG h = qxCFGOpen("UserMetadata.xml", 0);
+    ASSERT_NE(h, 0u);
+    uint32_t v = 7;
+    EXPECT_EQ(qxCFGValueDword(h, "Quellbox\\MetaData\\Default", "Take", &v, 1), 0u);
+    v = 0;
+    EXPECT_EQ(qxCFGValueDword(h, "Quellbox\\MetaData\\Default", "Take", &v, 0), 0u);
+    EXPECT_EQ(v, 7u);
+    qxCFGClose(h, 0);
+    EXPECT_FALSE(fs::exists(dir / "UserMetadata.xml"));
+    EXPECT_EQ(qxCFGValueDword(h, "Quellbox\\MetaData\\Default", "Take", &v, 0), QXCFG_BADHANDLE);
+
+    h = qxCFGOpen("UserMetadata.xml", 0);
+    v = 8;
+    qxCFGValueDword(h, "Quellbox\\MetaData\\Default", "Take", &v, 1);
+    qxCFGClose(h, 1);
+    h = qxCFGOpen((dir / "UserMetadata.xml").c_str(), 0);
+    v = 0;
+    EXPECT_EQ(qxCFGValueDword(h, "Quellbox\\MetaData\\Default", "Take", &v, 0), 0u);
+    EXPECT_EQ(v, 8u);
+    qxCFGClose(h, 1);
+    EXPECT_EQ(qxCFGOpen(nullptr, 0), 0u);
+}
+
+TEST_F(ConfigStore, CorruptFileReadsEmptyReportedOnceAndIsSetAside) {
+    fs::create_directories(dir);
+    std::ofstream(dir / "default.xml") << "<qnvconfig><key path=";
+    uint32_t v = 5;
+    EXPECT_EQ(qxCFGValueDword(QXCFG_DEFAULT, "A", "B", &v, 0), QXCFG_MISSING);
+    EXPECT_EQ(qxCFGValueDword(QXCFG_DEFAULT, "A", "C", &v, 0), QXCFG_MISSING);
+    EXPECT_EQ(log.lines.size(), 1u);
+    EXPECT_EQ(qxCFGValueDword(QXCFG_DEFAULT, "A", "B", &v, 1), 0u);
+    EXPECT_TRUE(fs::exists(dir / "default.xml.corrupt"));
+    v = 0;
+    EXPECT_EQ(qxCFGValueDword(QXCFG_DEFAULT, "A", "B", &v, 0), 0u);
+    EXPECT_EQ(v, 5u);
+}
+
+TEST_F(ConfigStore, ConcurrentWritersFromThreadsAndProcessesLoseNothing) {
+    constexpr int kWriters = 4, kValues = 25;
+    auto writeAll = [](int writer) {
+        for (uint32_t i = 0; i < kValues; ++i) {
+            std::string name = "w" + std::to_string(writer) + "v" + std::to_string(i);
+            qxCFGValueDword(QXCFG_DEFAULT, "Quellbox\\Test", name.c_str(), &i, 1);
+        }
+    };
+    std::vector<pid_t> children;
+    for (int p = 0; p < 2; ++p) {
+        pid_t pid = ::fork();
+        if (pid == 0) {
+            writeAll(100 + p);
+            ::_exit(0);
+        }
+        children.push_back(pid);
+    }
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kWriters; ++t) threads.emplace_back(writeAll, t);
+    // A reader running alongside never sees a damaged file.
+    for (int i = 0; i < 50; ++i) {
+        uint32_t v;
+        qxCFGValueDword(QXCFG_DEFAULT, "Quellbox\\Test", "w0v0", &v, 0);
+    }
+    for (auto& t : threads) t.join();
+    for (pid_t pid : children) {
+        int status = 0;
+        ::waitpid(pid, &status, 0);
+        EXPECT_EQ(status, 0);
+    }
+    for (int w : {0, 1, 2, 3, 100, 101})
+        for (uint32_t i = 0; i < kValues; ++i) {
+            std::string name = "w" + std::to_string(w) + "v" + std::to_string(i);
+            uint32_t v = ~0u;
+            ASSERT_EQ(qxCFGValueDword(QXCFG_DEFAULT, "Quellbox\\Test", name.c_str(), &v, 0), 0u) << name;
+            ASSERT_EQ(v, i);
+        }
+    EXPECT_TRUE(log.lines.empty());
+}
+
+TEST(Files, DispositionsReadWriteSeekAndErrors) {
+    fs::path p = fs::temp_directory_path() / ("qnvfile-" + std::to_string(::getpid()));
+    fs::remove(p);
+    QXFILE f = qxOSCreateFile(p.c_str(), QX_GENERIC_WRITE, 3, nullptr, QX_CREATE_NEW, 0, nullptr);
+    ASSERT_NE(f, QX_INVALID_FILE);
+    uint32_t n = 0;
+    EXPECT_NE(qxOSWriteFile(f, "0123456789", 10, &n, nullptr), 0u);
+    EXPECT_EQ(n, 10u);
+    qxOSCloseFile(f);
+    EXPECT_EQ(qxOSCreateFile(p.c_str(), QX_GENERIC_WRITE, 3, nullptr, QX_CREATE_NEW, 0, nullptr), QX_INVALID_FILE);
+    EXPECT_EQ(qxOSGetLastError(), uint32_t(EEXIST));
+    EXPECT_NE(qxOSFileExists(p.c_str()), 0u);
+
+    f = qxOSCreateFile(p.c_str(), QX_GENERIC_READ, 1, nullptr, QX_OPEN_EXISTING, 0, nullptr);
+    ASSERT_NE(f, QX_INVALID_FILE);
+    int64_t size = 0;
+    EXPECT_NE(qxOSGetFileSizeEx(f, &size), 0u);
+    EXPECT_EQ(size, 10);
+    EXPECT_EQ(qxOSGetFileSize(f, nullptr), 10u);
+    EXPECT_EQ(qxOSSeek(f, 7), 7);
+    char buf[8] = {};
+    EXPECT_NE(qxOSReadFile(f, buf, 8, &n, nullptr), 0u);  // end of file: success, fewer bytes
+    EXPECT_EQ(n, 3u);
+    EXPECT_EQ(std::string(buf, 3), "789");
+    EXPECT_EQ(qxOSReadFile(f, buf, 8, &n, nullptr), 1u);
+    EXPECT_EQ(n, 0u);
+    qxOSCloseFile(f);
+    fs::remove(p);
+    EXPECT_EQ(qxOSFileExists(p.c_str()), 0u);
+    EXPECT_EQ(qxOSCreateFile(p.c_str(), QX_GENERIC_READ, 1, nullptr, QX_OPEN_EXISTING, 0, nullptr), QX_INVALID_FILE);
+    EXPECT_EQ(qxOSGetLastError(), uint32_t(ENOENT));
+
+    uint32_t t0 = qxOSGetMs();
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_GE(qxOSGetMs() - t0, 19u);
+}
+
+TEST(Files, SplitAndMakePath) {
+    char drive[QX_MAX_DRIVE], dir[QX_MAX_DIR], name[QX_MAX_FNAME], ext[QX_MAX_EXT], path[QX_MAX_PATH];
+    qxOSSplitPath("/media/projects/show.edl.xml", drive, dir, name, ext);
+    EXPECT_STREQ(drive, "");
+    EXPECT_STREQ(dir, "/media/projects/");
+    EXPECT_STREQ(name, "show.edl");
+    EXPECT_STREQ(ext, ".xml");
+    qxOSSplitPath("clip", drive, dir, name, ext);
+    EXPECT_STREQ(dir, "");
+    EXPECT_STREQ(name, "clip");
+    EXPECT_STREQ(ext, "");
+    qxOSMakePath(path, "", "/media/projects", "clip", "txt");
+    EXPECT_STREQ(path, "/media/projects/clip.txt");
+    std::string longName(1000, 'n');
+    qxOSSplitPath(("/d/" + longName + ".e").c_str(), nullptr, nullptr, name, ext);
+    EXPECT_EQ(std::strlen(name), size_t(QX_MAX_FNAME - 1));
+}

@@ -1,0 +1,48 @@
+// qnvtool probe FILE [--first] [--kind NAME]: describes a stream with the
+// prober that recognises it.
+#include <iostream>
+#include <memory>
+
+#include "tools/qnvtool/probe.h"
+#include "tools/qnvtool/tool.h"
+
+namespace qnvtool {
+
+namespace {
+std::vector<Prober>& probers() {
+    static std::vector<Prober> list;
+    return list;
+}
+
+struct ProbeArgs {
+    std::string file;
+    std::string kind;
+    ProbeOptions options;
+};
+
+void runProbe(const ProbeArgs& a) {
+    std::vector<uint8_t> data = readFile(a.file);
+    if (data.empty()) throw Error(a.file + ": empty file");
+    for (const Prober& p : probers()) {
+        if (a.kind.empty() ? p.detect(data) : a.kind == p.name) {
+            p.run(data, a.options, std::cout);
+            return;
+        }
+    }
+    if (!a.kind.empty()) throw Error("unknown stream kind '" + a.kind + "'");
+    throw Error(a.file + ": not a stream that qnvtool can probe");
+}
+
+const Registration kProbe([](CLI::App& app) {
+    auto args = std::make_shared<ProbeArgs>();
+    CLI::App* sub = app.add_subcommand("probe", "Describe the parameter sets or headers of a stream");
+    sub->add_option("FILE", args->file, "stream file")->required();
+    sub->add_flag("--first", args->options.first, "stop after the first parameter set or header");
+    sub->add_option("--kind", args->kind, "stream kind (detected when not given)");
+    sub->callback([args] { runProbe(*args); });
+});
+}  // namespace
+
+ProberRegistration::ProberRegistration(const Prober& prober) { probers().push_back(prober); }
+
+}  // namespace qnvtool
