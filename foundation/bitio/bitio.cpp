@@ -3,6 +3,9 @@
 // past-end patterns for all other positions.
 #include "foundation/bitio/bitio.h"
 
+#include <algorithm>
+#include <cstring>
+
 namespace qnv {
 
 const uint32_t kBitLength[256] = {
@@ -165,27 +168,55 @@ uint8_t* EmitNalUnit(BitBuffer* scratch, BitBuffer* out, uint32_t sizeIndex, uin
     if (count > 3) {
         for (; i < 4; ++i) put(src(i));
     }
+    // With the whole source in memory and a byte-aligned output, the bytes
+    // between two places that need a 03 are copied as one run.
+    const bool runs = aligned && byteInBuffer(scratch, count == 0 ? 0 : count - 1);
+    auto putRun = [&](uint32_t from, uint32_t n) {
+        if (!runs) {
+            for (uint32_t k = 0; k < n; ++k) put(src(from + k));
+            return;
+        }
+        uint32_t index = out->bitPos >> 3;
+        uint32_t room = n;
+        if (out->sizeBytes != 0) room = index < out->sizeBytes ? std::min(n, out->sizeBytes - index) : 0;
+        if (room != 0) std::memcpy(out->data + index, scratch->data + from, room);
+        out->bitPos += 8 * n;
+    };
     while (count - i >= 3) {
-        uint8_t b0 = src(i), b1 = src(i + 1), b2 = src(i + 2);
-        if (b0 == 0 && b1 == 0 && preventable(b2)) {
-            put(0);
+        // Next position j >= i with 00 00 followed by 00, 01 or 03; the third
+        // byte is looked at first so that most positions pass three at a time.
+        uint32_t j = i;
+        bool found = false;
+        while (count - j >= 3) {
+            uint8_t b2 = src(j + 2);
+            if (!preventable(b2)) {
+                j += 3;
+            } else if (src(j + 1) != 0) {
+                j += 2;
+            } else if (src(j) != 0) {
+                j += 1;
+            } else {
+                found = true;
+                break;
+            }
+        }
+        if (!found) break;
+        putRun(i, j - i);
+        uint8_t b2 = src(j + 2);
+        put(0);
+        put(0);
+        put(3);
+        put(b2);
+        i = j + 3;
+        // Further zero pairs formed with the byte just copied.
+        while (src(i - 1) == 0 && count - i >= 2 && src(i) == 0 && preventable(src(i + 1))) {
             put(0);
             put(3);
-            put(b2);
-            i += 3;
-            // Further zero pairs formed with the byte just copied.
-            while (src(i - 1) == 0 && count - i >= 2 && src(i) == 0 && preventable(src(i + 1))) {
-                put(0);
-                put(3);
-                put(src(i + 1));
-                i += 2;
-            }
-        } else {
-            put(b0);
-            ++i;
+            put(src(i + 1));
+            i += 2;
         }
     }
-    for (; i < count; ++i) put(src(i));
+    putRun(i, count - i);
 
     uint32_t length = (out->bitPos >> 3) - start - 4;
     uint8_t prefix[4] = {0, 0, 0, 1};

@@ -207,6 +207,31 @@ TEST(EmitNalUnit, EmulationPreventionAndFraming) {
               (V{0, 0, 0, 1, 0x4E, 0x01, 0x05, 0x01, 0xB0, 0x80}));
 }
 
+namespace {
+// The copy step taken literally, one byte at a time, over the closed RBSP.
+std::vector<uint8_t> modelCopy(const std::vector<uint8_t>& src) {
+    auto ep = [](uint8_t b) { return b == 0 || b == 1 || b == 3; };
+    std::vector<uint8_t> out;
+    size_t i = 0, n = src.size();
+    if (n > 3)
+        for (; i < 4; ++i) out.push_back(src[i]);
+    while (n - i >= 3) {
+        if (src[i] == 0 && src[i + 1] == 0 && ep(src[i + 2])) {
+            out.insert(out.end(), {0, 0, 3, src[i + 2]});
+            i += 3;
+            while (src[i - 1] == 0 && n - i >= 2 && src[i] == 0 && ep(src[i + 1])) {
+                out.insert(out.end(), {0, 3, src[i + 1]});
+                i += 2;
+            }
+        } else {
+            out.push_back(src[i++]);
+        }
+    }
+    out.insert(out.end(), src.begin() + i, src.end());
+    return out;
+}
+}  // namespace
+
 TEST(EmitNalUnit, OutputUnescapesToInputWithoutStartCodes) {
     std::mt19937 rng(3);
     for (int round = 0; round < 3000; ++round) {
@@ -222,12 +247,16 @@ TEST(EmitNalUnit, OutputUnescapesToInputWithoutStartCodes) {
         std::vector<uint8_t> out(rbsp.size() * 2 + 8);
         BitBuffer o{out.data(), 0, 0, 0};
         EmitNalUnit(&s, &o, 0xFFFFFFFF, 0);
-        out.resize((o.bitPos >> 3) - 1);
+        out.resize(o.bitPos >> 3);
+        scratch.resize(s.bitPos >> 3);
+        ASSERT_EQ(out, modelCopy(scratch));
+        out.pop_back();
         std::vector<uint8_t> back(out.begin(), out.begin() + 4);
         int zeros = 0;
         for (size_t i = 4; i < out.size(); ++i) {
-            if (i + 2 < out.size() && out[i] == 0 && out[i + 1] == 0)
+            if (i + 2 < out.size() && out[i] == 0 && out[i + 1] == 0) {
                 ASSERT_GT(out[i + 2], 1) << "start code emulation at " << i;
+            }
             if (zeros >= 2 && out[i] == 3) {
                 zeros = 0;
                 continue;
