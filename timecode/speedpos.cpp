@@ -119,9 +119,10 @@ CQNVPos& CQNVPos::SetAsFrac(int32_t num, int32_t den) {
     if (den == -1) return Set(qnv::wrapSub(0, num), 0);
     whole = num / den;
     const int32_t rest = num % den;
-    // The remainder is scaled in 32 bits: exact while |den| <= 32776 and
-    // wrapping beyond, as the fixed-point format always has.
-    fraction = qnv::wrapMul(rest, kSpeedUnit) / den;
+    // guard: 32 bits hold rest * 65520 only while |den| <= 32776; the
+    // product is formed in 64 bits so larger denominators stay exact (the
+    // quotient is below 65520 in magnitude either way).
+    fraction = static_cast<int32_t>(int64_t(rest) * kSpeedUnit / den);
     Normalize();
     return *this;
 }

@@ -68,8 +68,8 @@ public:
     CQNVPos& Set(int32_t whole, int32_t frac);
     // Replaces the position with s.Get() / 65520 frames.
     CQNVPos& Set(const CQNVSpeed& s);
-    // num / den frames; the fraction is truncated to 1/65520. Exact for
-    // |den| <= 32776; a zero denominator leaves the position unchanged.
+    // num / den frames, the fraction truncated to 1/65520 toward zero before
+    // it is normalised. A zero denominator leaves the position unchanged.
     CQNVPos& SetAsFrac(int32_t num, int32_t den);
     CQNVPos& operator=(const CQNVPos& other);
     CQNVPos& operator=(const CQNVSpeed& s);
@@ -152,6 +152,8 @@ public:
     CQNVTransTC2();
     CQNVTransTC2(const CQNVTransTC2&) = default;
 
+    // The frame-number assignment (and the rest) of the base stays usable.
+    using CQNVTransTC::operator=;
     CQNVTransTC2& operator=(const CQNVTransTC2& other);
     CQNVPos& operator=(const CQNVPos& p);
     CQNVSpeed& operator=(const CQNVSpeed& s);
