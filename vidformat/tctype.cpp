@@ -12,6 +12,14 @@
 
 namespace qnv {
 
+// Longer names come before their prefixes ("film-drop" before "film").
+const TcTypeKeyword kTcTypeKeywords[10] = {
+    {"frames", VID_TC_FRAMES}, {"23.98", VID_TC_23976_DROP}, {"film-drop", VID_TC_23976},
+    {"film", VID_TC_24},       {"pal", VID_TC_25},           {"drop-frame", VID_TC_2997},
+    {"non-drop-frame", VID_TC_2997}, {"50", VID_TC_50},      {"59.94", VID_TC_5994},
+    {"60", VID_TC_60},
+};
+
 uint32_t TcTypeFromText(const char* text) {
     if (!text) return VID_TC_FRAMES;
     const char* key = std::strstr(text, "TcType=");
@@ -22,21 +30,17 @@ uint32_t TcTypeFromText(const char* text) {
     // no value.
     if (key[7] == '\0') return VID_TC_FRAMES;
     const char* value = key + 8;
-    struct Keyword {
-        const char* word;
-        uint32_t type;
-    };
-    // Longer names come before their prefixes ("film-drop" before "film").
-    static constexpr Keyword kKeywords[] = {
-        {"frames", VID_TC_FRAMES}, {"23.98", VID_TC_23976_DROP}, {"film-drop", VID_TC_23976},
-        {"film", VID_TC_24},       {"pal", VID_TC_25},           {"drop-frame", VID_TC_2997},
-        {"non-drop-frame", VID_TC_2997}, {"50", VID_TC_50},      {"59.94", VID_TC_5994},
-        {"60", VID_TC_60},
-    };
-    for (const Keyword& k : kKeywords) {
+    for (const TcTypeKeyword& k : kTcTypeKeywords) {
         if (strncasecmp(value, k.word, std::strlen(k.word)) == 0) return k.type;
     }
     return VID_TC_FRAMES;
+}
+
+const char* TcTypeName(uint32_t type) {
+    for (const TcTypeKeyword& k : kTcTypeKeywords) {
+        if (k.type == type) return k.word;
+    }
+    return nullptr;
 }
 
 }  // namespace qnv

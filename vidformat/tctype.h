@@ -15,6 +15,17 @@ namespace qnv {
 // deciding. 0 for null text, a missing key or an unknown value.
 uint32_t TcTypeFromText(const char* text);
 
+// The parameter texts of the timecode types, in TcTypeFromText's order.
+struct TcTypeKeyword {
+    const char* word;
+    uint32_t type;
+};
+extern const TcTypeKeyword kTcTypeKeywords[10];
+
+// The first parameter text of `type` ("drop-frame" for 4); null for type 2
+// and for codes that are not timecode types.
+const char* TcTypeName(uint32_t type);
+
 }  // namespace qnv
 
 #endif

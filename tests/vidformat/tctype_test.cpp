@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "qnvutil/vidformat.h"
+#include "vidformat/ratetext.h"
 #include "vidformat/tctype.h"
 
 TEST(TcType, FromFramesPerSecond) {
@@ -85,4 +86,21 @@ TEST(TcType, ConvertsCountsThroughTimecodeText) {
     EXPECT_EQ(convert(108000, 2, 30, 0), 108000u);
     EXPECT_EQ(convert(108000, 8, 30, 0), 90000u);
     vidConvertTC(nullptr, 8, 30, 1);
+}
+
+TEST(RateText, ReadsFractionsWholesAndDecimals) {
+    auto read = [](const char* text) {
+        std::pair<uint32_t, uint32_t> p{7, 7};
+        const bool ok = qnv::RateFromText(text, &p.first, &p.second);
+        return ok ? p : std::pair<uint32_t, uint32_t>{0, 0};
+    };
+    using P = std::pair<uint32_t, uint32_t>;
+    EXPECT_EQ(read("30000/1001"), P(30000, 1001));
+    EXPECT_EQ(read("25"), P(25, 1));
+    EXPECT_EQ(read("29.97"), P(2997, 100));
+    EXPECT_EQ(read("0.5"), P(5, 10));
+    EXPECT_EQ(read("4294967295/1"), P(4294967295u, 1));
+    for (const char* bad : {"", "0", "25/0", "4294967296", "1.2345678901", "/1", "25/", "2.", "25 ", "-25", "x"})
+        EXPECT_EQ(read(bad), P(0, 0)) << bad;
+    EXPECT_FALSE(qnv::RateFromText(nullptr, nullptr, nullptr));
 }
