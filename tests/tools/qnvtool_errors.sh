@@ -35,4 +35,8 @@ expect_error "$tool" nals "$work/noise"
 expect_error "$tool" nals "$sample" --codec vp9
 expect_error "$tool" nals
 expect_error "$tool" no-such-command
+expect_error "$tool" tc 5
+expect_error "$tool" tc 1 --type bogus
+expect_error "$tool" tc 01:00:00:00 --rate 30000/1001
+expect_error "$tool" rate 0/1
 exit $fail
