@@ -1,0 +1,250 @@
+/*
+ * H.264 stream utilities: NAL unit framing (Annex B start codes and 4-byte
+ * big-endian length prefixes), NAL unit search, and the sequence and picture
+ * parameter set readers.
+ *
+ * Parameter-set records are flat arrays of 32-bit integers, one per syntax
+ * element, named after the syntax elements of ITU-T H.264. The caller clears
+ * a record before parsing: the readers write only the elements that the
+ * stream carries (plus the defaults named below) and never clear a record.
+ * Fields read past the end of the data hold the bit reader's past-end
+ * values: -1 for fixed-length fields.
+ *
+ * Where a record deliberately differs from the standard's value:
+ *  - chroma_format_idc = 1 and bit_depth_luma_minus8 = bit_depth_chroma_minus8
+ *    = 8 (not 0) are written for every profile_idc outside 44, 83, 86, 100,
+ *    110, 118, 122, 128, 244 (134, 135, 138, 139 included), whose chroma and
+ *    bit-depth block is then not read;
+ *  - offset_for_non_ref_pic and offset_for_top_to_bottom_field hold the ue(v)
+ *    code number, not the se(v) value (-1 is stored as 2);
+ *  - offset_for_ref_frame holds only the last offset of the cycle;
+ *  - HrdParameters.cpb_cnt_minus1 is stored as at most 7 (eight schedules are
+ *    read, the rest of such a stream is not);
+ *  - the PPS reader reads one top_left/bottom_right pair more than the
+ *    standard (num_slice_groups_minus1 + 1 pairs) for slice_group_map_type 2,
+ *    and drops a 0x0C byte after 00 00 as if it were an emulation prevention
+ *    byte;
+ *  - a scaling list whose present flag is 0 keeps the caller's values (no
+ *    fall-back rule), and the UseDefaultScalingMatrix flags are never written;
+ *  - H264PpsRecord.moreData is 1 when one of the seven bits after the next one
+ *    is set (instead of the standard's more_rbsp_data()).
+ */
+#ifndef QNVUTIL_H264_H
+#define QNVUTIL_H264_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "qnvutil/bitbuffer.h"
+#include "qnvutil/export.h"
+
+QNV_BEGIN_C
+
+/* ---- Framing and search ---------------------------------------------------- */
+
+/* Rewrites an Annex B frame in place with a 4-byte big-endian length in
+   front of every NAL unit; three-byte start codes are widened, so the buffer
+   needs one spare byte after the data for each of them. Bytes in front of
+   the first start code keep no length; a frame without any start code gets
+   size - 4 over its first four bytes. Returns the new byte count. */
+QNV_API uint32_t qnvUtilh264MarkerToSize(uint8_t* data, uint32_t size);
+/* As qnvUtilh264MarkerToSize, but returns 0xFFFFFFFF and leaves the frame
+   untouched when the converted frame would not fit in `capacity` bytes. */
+QNV_API uint32_t qnvUtilh264MarkerToSizeChecked(uint8_t* data, uint32_t size, uint32_t capacity);
+/* Rewrites a length-prefixed frame in place with 00 00 00 01 in front of
+   every unit. A frame already starting with 00 00 00 01 is left alone. A zero
+   length ends the frame (its offset is returned as the new size); a length
+   running past the end stops the conversion (size is returned). */
+QNV_API uint32_t qnvUtilh264SizeToMarker(uint8_t* data, uint32_t size);
+/* Finds the first NAL unit whose header byte equals headerByte. startCodes
+   non-zero: Annex B framing (with a deliberately loose scan that stops at any
+   zero byte); zero: 4-byte length prefixes. *found receives the unit's prefix
+   slot, *foundSize the bytes up to the next unit's slot (prefix included).
+   Returns 1 when found with a non-zero size, else 0. With data null or size
+   below 4 the outputs are not written. */
+QNV_API int32_t qnvUtilFindSpecificNAL(const uint8_t* data, uint32_t size, int32_t startCodes, uint8_t headerByte,
+                                       const uint8_t** found, uint32_t* foundSize);
+
+/* ---- Parameter set records ------------------------------------------------- */
+
+/* One CPB schedule of hrd_parameters(). */
+typedef struct HrdSchedule {
+    int32_t bit_rate_value_minus1;
+    int32_t cpb_size_value_minus1;
+    int32_t cbr_flag;
+} HrdSchedule;
+
+typedef struct HrdParameters {
+    int32_t cpb_cnt_minus1; /* stored as at most 7 */
+    int32_t bit_rate_scale;
+    int32_t cpb_size_scale;
+    HrdSchedule schedule[8];
+    int32_t initial_cpb_removal_delay_length_minus1;
+    int32_t cpb_removal_delay_length_minus1;
+    int32_t dpb_output_delay_length_minus1;
+    int32_t time_offset_length;
+} HrdParameters;
+
+typedef struct H264SpsRecord {
+    int32_t forbidden_zero_bit;
+    int32_t nal_ref_idc;
+    int32_t nal_unit_type;
+    int32_t profile_idc;
+    int32_t constraint_set0_flag;
+    int32_t constraint_set1_flag;
+    int32_t constraint_set2_flag;
+    int32_t constraint_set3_flag;
+    int32_t constraint_set4_flag;
+    int32_t constraint_set5_flag;
+    int32_t reserved_zero_2bits;
+    int32_t level_idc;
+    int32_t seq_parameter_set_id;
+    int32_t chroma_format_idc; /* 1 when the profile has no chroma block */
+    int32_t seq_scaling_list_present_flag[12];
+    int32_t ScalingList4x4[6][16];
+    int32_t UseDefaultScalingMatrix4x4Flag[6]; /* never written */
+    int32_t ScalingList8x8[6][64];
+    int32_t UseDefaultScalingMatrix8x8Flag[6]; /* never written */
+    int32_t separate_colour_plane_flag;
+    int32_t bit_depth_luma_minus8;   /* 8 when the profile has no chroma block */
+    int32_t bit_depth_chroma_minus8; /* 8 when the profile has no chroma block */
+    int32_t qpprime_y_zero_transform_bypass_flag;
+    int32_t seq_scaling_matrix_present_flag;
+    int32_t log2_max_frame_num_minus4;
+    int32_t pic_order_cnt_type;
+    int32_t log2_max_pic_order_cnt_lsb_minus4;
+    int32_t delta_pic_order_always_zero_flag;
+    int32_t offset_for_non_ref_pic;         /* the ue(v) code number */
+    int32_t offset_for_top_to_bottom_field; /* the ue(v) code number */
+    int32_t num_ref_frames_in_pic_order_cnt_cycle;
+    int32_t offset_for_ref_frame; /* the last one of the cycle */
+    int32_t max_num_ref_frames;
+    int32_t gaps_in_frame_num_value_allowed_flag;
+    int32_t pic_width_in_mbs_minus1;
+    int32_t pic_height_in_map_units_minus1;
+    int32_t frame_mbs_only_flag;
+    int32_t mb_adaptive_frame_field_flag;
+    int32_t direct_8x8_inference_flag;
+    int32_t frame_cropping_flag;
+    int32_t frame_crop_left_offset;
+    int32_t frame_crop_right_offset;
+    int32_t frame_crop_top_offset;
+    int32_t frame_crop_bottom_offset;
+    int32_t vui_parameters_present_flag;
+    int32_t aspect_ratio_info_present_flag;
+    int32_t aspect_ratio_idc;
+    int32_t sar_width;
+    int32_t sar_height;
+    int32_t overscan_info_present_flag;
+    int32_t overscan_appropriate_flag;
+    int32_t video_signal_type_present_flag;
+    int32_t video_format;
+    int32_t video_full_range_flag;
+    int32_t colour_description_present_flag;
+    int32_t colour_primaries;
+    int32_t transfer_characteristics;
+    int32_t matrix_coefficients;
+    int32_t chroma_loc_info_present_flag;
+    int32_t chroma_sample_loc_type_top_field;
+    int32_t chroma_sample_loc_type_bottom_field;
+    int32_t timing_info_present_flag;
+    int32_t num_units_in_tick;
+    int32_t time_scale;
+    int32_t fixed_frame_rate_flag;
+    int32_t nal_hrd_parameters_present_flag;
+    int32_t vcl_hrd_parameters_present_flag;
+    HrdParameters nal_hrd;
+    HrdParameters vcl_hrd;
+    int32_t low_delay_hrd_flag;
+    int32_t pic_struct_present_flag;
+    int32_t bitstream_restriction_flag;
+    int32_t motion_vectors_over_pic_boundaries_flag;
+    int32_t max_bytes_per_pic_denom;
+    int32_t max_bits_per_mb_denom;
+    int32_t log2_max_mv_length_horizontal;
+    int32_t log2_max_mv_length_vertical;
+    int32_t max_num_reorder_frames;
+    int32_t max_dec_frame_buffering;
+    int32_t rbsp_stop_one_bit;
+} H264SpsRecord;
+
+typedef struct H264PpsRecord {
+    int32_t forbidden_zero_bit;
+    int32_t nal_ref_idc;
+    int32_t nal_unit_type;
+    int32_t pic_parameter_set_id;
+    int32_t seq_parameter_set_id;
+    int32_t entropy_coding_mode_flag;
+    int32_t bottom_field_pic_order_in_frame_present_flag;
+    int32_t num_slice_groups_minus1;
+    int32_t slice_group_map_type;
+    int32_t run_length_minus1[8];
+    int32_t top_left[8];
+    int32_t bottom_right[8];
+    int32_t slice_group_change_direction_flag;
+    int32_t slice_group_change_rate_minus1;
+    int32_t pic_size_in_map_units_minus1;
+    int32_t slice_group_id[256];
+    int32_t num_ref_idx_l0_default_active_minus1;
+    int32_t num_ref_idx_l1_default_active_minus1;
+    int32_t weighted_pred_flag;
+    int32_t weighted_bipred_idc;
+    int32_t pic_init_qp_minus26;
+    int32_t pic_init_qs_minus26;
+    int32_t chroma_qp_index_offset;
+    int32_t deblocking_filter_control_present_flag;
+    int32_t constrained_intra_pred_flag;
+    int32_t redundant_pic_cnt_present_flag;
+    int32_t moreData; /* 1 when the optional tail was read */
+    int32_t transform_8x8_mode_flag;
+    int32_t pic_scaling_matrix_present_flag;
+    int32_t pic_scaling_list_present_flag[12];
+    int32_t ScalingList4x4[6][16];
+    int32_t UseDefaultScalingMatrix4x4Flag[6]; /* never written */
+    int32_t ScalingList8x8[6][64];
+    int32_t UseDefaultScalingMatrix8x8Flag[6]; /* never written */
+    int32_t second_chroma_qp_index_offset;
+    int32_t rbsp_stop_one_bit;
+} H264PpsRecord;
+
+QNV_STATIC_ASSERT(sizeof(HrdSchedule) == 3 * 4, "HrdSchedule layout");
+QNV_STATIC_ASSERT(sizeof(HrdParameters) == 31 * 4, "HrdParameters layout");
+QNV_STATIC_ASSERT(offsetof(HrdParameters, schedule) == 3 * 4, "HrdParameters layout");
+QNV_STATIC_ASSERT(offsetof(HrdParameters, initial_cpb_removal_delay_length_minus1) == 27 * 4,
+                  "HrdParameters layout");
+QNV_STATIC_ASSERT(sizeof(H264SpsRecord) == 639 * 4, "H264SpsRecord layout");
+QNV_STATIC_ASSERT(offsetof(H264SpsRecord, chroma_format_idc) == 13 * 4, "H264SpsRecord layout");
+QNV_STATIC_ASSERT(offsetof(H264SpsRecord, ScalingList4x4) == 26 * 4, "H264SpsRecord layout");
+QNV_STATIC_ASSERT(offsetof(H264SpsRecord, ScalingList8x8) == 128 * 4, "H264SpsRecord layout");
+QNV_STATIC_ASSERT(offsetof(H264SpsRecord, separate_colour_plane_flag) == 518 * 4, "H264SpsRecord layout");
+QNV_STATIC_ASSERT(offsetof(H264SpsRecord, frame_crop_left_offset) == 539 * 4, "H264SpsRecord layout");
+QNV_STATIC_ASSERT(offsetof(H264SpsRecord, vui_parameters_present_flag) == 543 * 4, "H264SpsRecord layout");
+QNV_STATIC_ASSERT(offsetof(H264SpsRecord, num_units_in_tick) == 561 * 4, "H264SpsRecord layout");
+QNV_STATIC_ASSERT(offsetof(H264SpsRecord, nal_hrd) == 566 * 4, "H264SpsRecord layout");
+QNV_STATIC_ASSERT(offsetof(H264SpsRecord, vcl_hrd) == 597 * 4, "H264SpsRecord layout");
+QNV_STATIC_ASSERT(offsetof(H264SpsRecord, low_delay_hrd_flag) == 628 * 4, "H264SpsRecord layout");
+QNV_STATIC_ASSERT(offsetof(H264SpsRecord, max_dec_frame_buffering) == 637 * 4, "H264SpsRecord layout");
+QNV_STATIC_ASSERT(sizeof(H264PpsRecord) == 811 * 4, "H264PpsRecord layout");
+QNV_STATIC_ASSERT(offsetof(H264PpsRecord, run_length_minus1) == 9 * 4, "H264PpsRecord layout");
+QNV_STATIC_ASSERT(offsetof(H264PpsRecord, slice_group_id) == 36 * 4, "H264PpsRecord layout");
+QNV_STATIC_ASSERT(offsetof(H264PpsRecord, num_ref_idx_l0_default_active_minus1) == 292 * 4, "H264PpsRecord layout");
+QNV_STATIC_ASSERT(offsetof(H264PpsRecord, moreData) == 302 * 4, "H264PpsRecord layout");
+QNV_STATIC_ASSERT(offsetof(H264PpsRecord, ScalingList4x4) == 317 * 4, "H264PpsRecord layout");
+QNV_STATIC_ASSERT(offsetof(H264PpsRecord, ScalingList8x8) == 419 * 4, "H264PpsRecord layout");
+QNV_STATIC_ASSERT(offsetof(H264PpsRecord, second_chroma_qp_index_offset) == 809 * 4, "H264PpsRecord layout");
+
+/* ---- Parameter set readers ------------------------------------------------- */
+
+/* Parses the SPS NAL unit at bb->bitPos (header byte first, no start code or
+   length, emulation prevention bytes still in) from the bb->sizeBytes bytes
+   at bb->data, reading up to bb->sizeBits. Works on a private copy: bb->data
+   is not changed and needs no spare byte. Returns the bytes consumed (the
+   position after the final byte alignment, divided by 8), 0 when bb or sps
+   is null or the buffer holds 0 bytes. bb->bitPos is left at that position. */
+QNV_API uint32_t qnvutilRead_SPS(BitBuffer* bb, H264SpsRecord* sps);
+/* As qnvutilRead_SPS for a PPS; 0 only when bb or pps is null. */
+QNV_API uint32_t qnvutilRead_PPS(BitBuffer* bb, H264PpsRecord* pps);
+
+QNV_END_C
+
+#endif
