@@ -40,37 +40,143 @@ inline uint32_t codeEndingAt(const uint8_t* data, uint32_t one) {
     return one >= 3 && data[one - 3] == 0 ? 4 : 3;
 }
 
+constexpr uint32_t kNone = 0xFFFFFFFFu;
+
+// The vector helpers below are always inlined, so the ABI of vector
+// arguments (which differs with and without AVX) never applies.
+#pragma GCC diagnostic ignored "-Wpsabi"
+
+// 32 bytes as one vector (two SSE2 registers, or one AVX2 register in the
+// AVX2 build of the scan).
+typedef uint8_t Bytes32 __attribute__((vector_size(32)));
+typedef uint64_t Words32 __attribute__((vector_size(32)));
+
+[[gnu::always_inline]] inline Bytes32 load32(const uint8_t* p) {
+    Bytes32 v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+
+// Index of the first set byte of a 0/FF mask, or 32 when none.
+[[gnu::always_inline]] inline uint32_t firstSet(Bytes32 mask) {
+    Words32 w = reinterpret_cast<Words32>(mask);
+    for (uint32_t i = 0; i < 4; ++i)
+        if (w[i] != 0) return i * 8 + static_cast<uint32_t>(__builtin_ctzll(w[i])) / 8;
+    return 32;
+}
+
+// Every start code has two zero bytes in front of its 01, and in coded data
+// such pairs are rare, so the scan looks at 64 bytes at a time: a byte of
+// p[i] | p[i + 1] is zero only where both are.
+// First q in [from, last] with data[q] = data[q + 1] = 0, or kNone; reads up
+// to data[last + 1].
+[[gnu::always_inline]] inline uint32_t findZeroPair(const uint8_t* data, uint32_t from, uint32_t last) {
+    uint64_t q = from;
+    for (; q + 64 <= last; q += 64) {
+        const Bytes32 lo = load32(data + q) | load32(data + q + 1);
+        const Bytes32 hi = load32(data + q + 32) | load32(data + q + 33);
+        const Words32 any = reinterpret_cast<Words32>((lo == 0) | (hi == 0));
+        if ((any[0] | any[1] | any[2] | any[3]) == 0) continue;
+        uint32_t i = firstSet(reinterpret_cast<Bytes32>(lo == 0));
+        if (i == 32) i = 32 + firstSet(reinterpret_cast<Bytes32>(hi == 0));
+        return static_cast<uint32_t>(q + i);
+    }
+    for (; q <= last; ++q)
+        if (data[q] == 0 && data[q + 1] == 0) return static_cast<uint32_t>(q);
+    return kNone;
+}
+
+// The pass from the front leaves, in the bytes of every start code but the
+// first, a link back to the previous code, so that the pass from the back
+// visits the codes without scanning again (a code's own bytes are known from
+// its length and are restored or overwritten with the length later):
+//   four-byte code: 32 bits, bit 31 set when the previous code has four
+//   bytes, bits 0-30 the distance back to it;
+//   three-byte code: 24 bits, bit 23 likewise, bits 0-22 the distance.
+// A distance that does not fit its field (all ones) is kept in `far`.
+// guard: such distances are at least 2^23 - 1 bytes, so a frame of 32-bit
+// size has at most 513 of them (and at most 2 of 2^31 - 1 bytes).
+constexpr uint32_t kMaxFar = 520;
+
 struct Conversion {
+    uint32_t codes = 0;      // start codes (the tail code not counted)
     uint32_t widened = 0;    // three-byte codes that become four bytes
-    bool anyCode = false;    // at least one start code
+    uint32_t last = 0;       // position and length of the last start code
+    uint32_t lastLen = 0;
     bool tailCode = false;   // 00 00 01 in the last three bytes: counted, not moved
     uint64_t newSize = 0;    // the result
+    uint32_t farCount = 0;
+    uint32_t far[kMaxFar];
 };
 
-// What the walk over size >= 4 bytes will do, without changing anything.
-// A start code must begin at or before size - 4; a three-byte code in the
-// last three bytes only adds one to the size.
-Conversion plan(const uint8_t* data, uint32_t size) {
-    Conversion c;
-    const uint8_t* end = data + size;
-    for (const uint8_t* p = data + 2; p < end; ++p) {
-        p = static_cast<const uint8_t*>(std::memchr(p, 1, static_cast<size_t>(end - p)));
-        if (p == nullptr) break;
-        uint32_t one = static_cast<uint32_t>(p - data);
-        uint32_t len = codeEndingAt(data, one);
-        if (len == 4) {
-            c.anyCode = true;
-        } else if (len == 3) {
-            if (one == size - 1) {
-                c.tailCode = true;
-            } else {
-                ++c.widened;
-                c.anyCode = true;
-            }
+void writeLink(uint8_t* data, uint32_t code, uint32_t len, uint32_t dist, bool prevFour, Conversion& c) {
+    const uint32_t field = len == 4 ? 0x7FFFFFFFu : 0x7FFFFFu;
+    if (dist >= field) {
+        c.far[c.farCount++] = dist;
+        dist = field;
+    }
+    const uint32_t v = dist | (prevFour ? field + 1 : 0);
+    if (len == 4) {
+        putBe32(data + code, v);
+    } else {
+        data[code] = static_cast<uint8_t>(v >> 16);
+        data[code + 1] = static_cast<uint8_t>(v >> 8);
+        data[code + 2] = static_cast<uint8_t>(v);
+    }
+}
+
+// Reads the link of the code at `code` and moves there: *code, *len become
+// the previous code's.
+void followLink(const uint8_t* data, uint32_t* code, uint32_t* len, Conversion& c) {
+    const uint32_t field = *len == 4 ? 0x7FFFFFFFu : 0x7FFFFFu;
+    const uint32_t v = *len == 4 ? getBe32(data + *code)
+                                 : uint32_t(data[*code]) << 16 | uint32_t(data[*code + 1]) << 8 | data[*code + 2];
+    uint32_t dist = v & field;
+    if (dist == field) dist = c.far[--c.farCount];
+    *code -= dist;
+    *len = (v & (field + 1)) != 0 ? 4 : 3;
+}
+
+// The pass from the front over size >= 4 bytes: counts the codes and links
+// them. A start code must begin at or before size - 4; a three-byte code in
+// the last three bytes only adds one to the size.
+[[gnu::always_inline]] inline void plan(uint8_t* data, uint32_t size, Conversion& c) {
+    uint32_t lastOne = 0;  // the 01 of the last code; bytes up to it may hold a link
+    for (uint32_t q = findZeroPair(data, 0, size - 3); q != kNone; q = findZeroPair(data, q + 1, size - 3)) {
+        const uint32_t one = q + 2;
+        if (data[one] != 1) continue;
+        const bool four = one >= 3 && (c.codes == 0 || one - 3 > lastOne) && data[one - 3] == 0;
+        if (!four && one == size - 1) {
+            c.tailCode = true;
+            break;
         }
+        const uint32_t len = four ? 4 : 3;
+        const uint32_t code = one + 1 - len;
+        if (c.codes > 0) writeLink(data, code, len, code - c.last, c.lastLen == 4, c);
+        ++c.codes;
+        if (!four) ++c.widened;
+        c.last = code;
+        c.lastLen = len;
+        lastOne = one;
+        q = one;  // the scan resumes after the 01
     }
     c.newSize = uint64_t(size) + c.widened + (c.tailCode ? 1 : 0);
-    return c;
+}
+
+// Puts the start codes back where plan() left links (a refused conversion).
+void restore(uint8_t* data, Conversion& c) {
+    uint32_t code = c.last, len = c.lastLen;
+    for (uint32_t n = c.codes; n > 1; --n) {
+        const uint32_t at = code, atLen = len;
+        followLink(data, &code, &len, c);
+        if (atLen == 4) {
+            putBe32(data + at, 1);
+        } else {
+            data[at] = 0;
+            data[at + 1] = 0;
+            data[at + 2] = 1;
+        }
+    }
 }
 
 // Frames below four bytes: only 00 00 01 converts (to FF FF FF FF, the size
@@ -81,34 +187,81 @@ uint32_t tinyResult(const uint8_t* data, uint32_t size) {
     return size == 3 && data[0] == 0 && data[1] == 0 && data[2] == 1 ? 4 : size;
 }
 
-uint32_t applyConversion(uint8_t* data, uint32_t size, const Conversion& c) {
-    const uint32_t unitsEnd = size + c.widened;  // the tail code's byte is not part of the last unit
-    if (!c.anyCode) {
+// Moves bytes [lo, hi) up by `shift`: long runs through memmove, short ones
+// (where a call costs more than the copy) from the top down in 32-byte blocks,
+// each loaded before any store can reach it.
+[[gnu::always_inline]] inline void moveUp(uint8_t* data, uint32_t lo, uint32_t hi, uint32_t shift) {
+    if (hi - lo >= 4096) {
+        std::memmove(data + lo + shift, data + lo, hi - lo);
+        return;
+    }
+    uint32_t i = hi;
+    while (i - lo >= 32) {
+        i -= 32;
+        Bytes32 v;
+        std::memcpy(&v, data + i, 32);
+        std::memcpy(data + i + shift, &v, 32);
+    }
+    while (i > lo) {
+        --i;
+        data[i + shift] = data[i];
+    }
+}
+
+// The pass from the back: each unit's bytes move once, by the number of
+// three-byte codes up to it, and each slot gets its unit's length.
+[[gnu::always_inline]] inline uint32_t applyConversion(uint8_t* data, uint32_t size, Conversion& c) {
+    if (c.codes == 0) {
         // No start code: the frame is taken to begin with a slot of its own.
         putBe32(data, size - 4);
         return static_cast<uint32_t>(c.newSize);
     }
-    uint32_t shift = c.widened;  // how far the bytes behind the current code move up
-    uint32_t next = unitsEnd;    // final position of the following slot, or the end
-    uint32_t hi = size;          // old bytes [.., hi) are not placed yet
-    uint32_t below = size;       // 01 bytes below this may still end a start code
-    while (below > 2) {
-        const void* hit = memrchr(data, 1, below);
-        if (hit == nullptr) break;
-        uint32_t one = static_cast<uint32_t>(static_cast<const uint8_t*>(hit) - data);
-        uint32_t len = codeEndingAt(data, one);
-        below = one;
-        if (len == 0 || (len == 3 && one == size - 1)) continue;
-        uint32_t code = one + 1 - len;
-        if (shift != 0) std::memmove(data + one + 1 + shift, data + one + 1, hi - one - 1);
-        if (len == 3) --shift;  // the widened code takes one byte of the shift
-        uint32_t slot = code + shift;
+    uint32_t shift = c.widened;      // how far the bytes behind the current code move up
+    uint32_t next = size + shift;    // final position of the following slot, or the end
+    uint32_t hi = size;              // old bytes [.., hi) are not placed yet
+    uint32_t code = c.last, len = c.lastLen;
+    for (uint32_t n = c.codes; n > 0; --n) {
+        const uint32_t at = code, atLen = len, one = at + atLen - 1;
+        if (n > 1) followLink(data, &code, &len, c);  // before the slot is overwritten
+        if (shift != 0) moveUp(data, one + 1, hi, shift);
+        if (atLen == 3) --shift;  // the widened code takes one byte of the shift
+        const uint32_t slot = at + shift;
         putBe32(data + slot, next - slot - 4);
         next = slot;
-        hi = code;
-        below = code;
+        hi = at;
     }
     return static_cast<uint32_t>(c.newSize);
+}
+
+// Converts a frame of size >= 4 when the result fits `capacity`; otherwise
+// leaves it as it was and returns kNone.
+[[gnu::always_inline]] inline uint32_t convert(uint8_t* data, uint32_t size, uint64_t capacity) {
+    Conversion c;
+    plan(data, size, c);
+    if (c.newSize > capacity) {
+        restore(data, c);
+        return kNone;
+    }
+    return applyConversion(data, size, c);
+}
+
+uint32_t convertDefault(uint8_t* data, uint32_t size, uint64_t capacity) { return convert(data, size, capacity); }
+
+#if defined(__x86_64__) || defined(__i386__)
+__attribute__((target("avx2"))) uint32_t convertAvx2(uint8_t* data, uint32_t size, uint64_t capacity) {
+    return convert(data, size, capacity);
+}
+#endif
+
+uint32_t convertFrame(uint8_t* data, uint32_t size, uint64_t capacity) {
+    using Convert = uint32_t (*)(uint8_t*, uint32_t, uint64_t);
+    static const Convert best = [] {
+#if defined(__x86_64__) || defined(__i386__)
+        if (__builtin_cpu_supports("avx2")) return static_cast<Convert>(convertAvx2);
+#endif
+        return static_cast<Convert>(convertDefault);
+    }();
+    return best(data, size, capacity);
 }
 
 }  // namespace
@@ -118,26 +271,23 @@ QNV_BEGIN_C
 QNV_API uint32_t qnvUtilh264MarkerToSize(uint8_t* data, uint32_t size) {
     if (data == nullptr || size == 0) return 0;
     if (size < 4) {
-        uint32_t result = tinyResult(data, size);
+        const uint32_t result = tinyResult(data, size);
         if (result == 4) putBe32(data, 0xFFFFFFFFu);
         return result;
     }
-    Conversion c = plan(data, size);
-    // guard: a result beyond 32 bits cannot be returned; such a frame is left as it is.
-    if (c.newSize > 0xFFFFFFFFu) return size;
-    return applyConversion(data, size, c);
+    // guard: a result of 2^32 - 1 or more cannot be told from the refusal;
+    // such a frame (4 GiB) is left as it is.
+    const uint32_t result = convertFrame(data, size, 0xFFFFFFFEu);
+    return result == kNone ? size : result;
 }
 
 QNV_API uint32_t qnvUtilh264MarkerToSizeChecked(uint8_t* data, uint32_t size, uint32_t capacity) {
     if (data == nullptr) return 0xFFFFFFFFu;
     if (size < 4) {
-        if (size == 0) return 0;
-        if (tinyResult(data, size) > capacity) return 0xFFFFFFFFu;
+        if (size != 0 && tinyResult(data, size) > capacity) return 0xFFFFFFFFu;
         return qnvUtilh264MarkerToSize(data, size);
     }
-    Conversion c = plan(data, size);
-    if (c.newSize > capacity) return 0xFFFFFFFFu;
-    return applyConversion(data, size, c);
+    return convertFrame(data, size, capacity);
 }
 
 QNV_API uint32_t qnvUtilh264SizeToMarker(uint8_t* data, uint32_t size) {
