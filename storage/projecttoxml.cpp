@@ -1,0 +1,274 @@
+// Project document: a clip file and an EDL file with their texts embedded,
+// and named settings, in one XML file.
+#include <tinyxml2.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "qnvutil/storage.h"
+#include "storage/project_internal.h"
+
+using tinyxml2::XMLDocument;
+using tinyxml2::XMLElement;
+
+namespace qnv {
+
+void projectFileBeside(const char* xmlPath, const char* name, char* out) {
+    char drive[QX_MAX_DRIVE], dir[QX_MAX_DIR], fname[QX_MAX_FNAME], ext[QX_MAX_EXT];
+    qxOSSplitPath(xmlPath, drive, dir, nullptr, nullptr);
+    const char* base = name;
+    for (const char* p = name; *p != '\0'; ++p)
+        if (*p == '/' || *p == '\\') base = p + 1;
+    qxOSSplitPath(base, nullptr, nullptr, fname, ext);
+    qxOSMakePath(out, drive, dir, fname, ext);
+}
+
+}  // namespace qnv
+
+namespace {
+
+constexpr size_t kMaxName = QX_PROJECT_NAME_SIZE - 1;
+
+const char kClipList[] = "ClipList";
+const char kEdlList[] = "EdlList";
+const char kSettings[] = "Settings";
+const char kData[] = "Data";
+
+// guard: names keep at most 259 characters and their terminator
+void copyName(char* destination, const char* source) {
+    size_t n = source != nullptr ? strnlen(source, kMaxName) : 0;
+    std::memcpy(destination, source, n);
+    destination[n] = '\0';
+}
+
+// The top-level element `name`, created at the end when the document has
+// none; `handle` is kept pointing at it.
+XMLElement* topElement(XMLDocument* document, XMLElement*& handle, const char* name) {
+    handle = document->FirstChildElement(name);
+    if (handle == nullptr) handle = document->InsertEndChild(document->NewElement(name))->ToElement();
+    return handle;
+}
+
+// Writes attribute values so that any XML parser reads back the same
+// characters: the markup characters as entities, and tabs, line breaks and
+// other control characters as character references (a parser would turn
+// them into spaces or drop carriage returns if they stood as they are).
+class EscapingPrinter : public tinyxml2::XMLPrinter {
+public:
+    bool VisitEnter(const XMLElement& element, const tinyxml2::XMLAttribute* attribute) override {
+        const XMLElement* parent = element.Parent() != nullptr ? element.Parent()->ToElement() : nullptr;
+        OpenElement(element.Name(), parent != nullptr && CompactMode(*parent));
+        for (; attribute != nullptr; attribute = attribute->Next()) {
+            Putc(' ');
+            Write(attribute->Name());
+            Write("=\"");
+            writeValue(attribute->Value());
+            Putc('"');
+        }
+        return true;
+    }
+
+private:
+    void writeValue(const char* value) {
+        const char* run = value;  // characters written as they are
+        for (const char* p = value; *p != '\0'; ++p) {
+            const unsigned char c = static_cast<unsigned char>(*p);
+            const char* entity = c == '&' ? "&amp;" : c == '<' ? "&lt;" : c == '>' ? "&gt;" : c == '"' ? "&quot;" : nullptr;
+            if (entity == nullptr && c >= 0x20) continue;
+            Write(run, static_cast<size_t>(p - run));
+            if (entity != nullptr) {
+                Write(entity);
+            } else {
+                char reference[8];
+                std::snprintf(reference, sizeof reference, "&#%u;", c);
+                Write(reference);
+            }
+            run = p + 1;
+        }
+        Write(run);
+    }
+};
+
+// The file's whole text, NUL-terminated, in a QxAlloc block (null when it
+// cannot be read or is empty).
+char* readWholeFile(const char* path) {
+    QXFILE file = qxOSCreateFile(path, QX_GENERIC_READ, 1, nullptr, QX_OPEN_EXISTING, 0, nullptr);
+    if (file == QX_INVALID_FILE) return nullptr;
+    char* text = nullptr;
+    int64_t size = 0;
+    // guard: size + 1 must be countable in 32 bits
+    if (qxOSGetFileSizeEx(file, &size) && size >= 0 && size < 0xFFFFFFFF) {
+        text = static_cast<char*>(QxAlloc(static_cast<uint32_t>(size) + 1));
+        uint32_t got = 0;
+        if (text != nullptr && qxOSReadFile(file, text, static_cast<uint32_t>(size), &got, nullptr) && got > 0) {
+            text[got] = '\0';
+        } else {
+            QxFree(text);
+            text = nullptr;
+        }
+    }
+    qxOSCloseFile(file);
+    return text;
+}
+
+// Names the file in `nameAttribute` and embeds its text as "Data".
+void embedFile(XMLElement* element, const char* nameAttribute, char* field, const char* path) {
+    copyName(field, path);
+    element->SetAttribute(nameAttribute, field);
+    char* text = readWholeFile(field);
+    if (text != nullptr) {
+        element->SetAttribute(kData, text);
+        QxFree(text);
+    }
+}
+
+// Writes `text` into a new file (never over an existing one).
+void createFile(const char* path, const char* text) {
+    QXFILE file = qxOSCreateFile(path, QX_GENERIC_WRITE, 0, nullptr, QX_CREATE_NEW, 0, nullptr);
+    if (file == QX_INVALID_FILE) return;
+    size_t left = std::strlen(text);
+    while (left > 0) {
+        uint32_t piece = left > (1u << 30) ? 1u << 30 : static_cast<uint32_t>(left);
+        uint32_t written = 0;
+        if (!qxOSWriteFile(file, text, piece, &written, nullptr)) break;
+        text += written;
+        left -= written;
+    }
+    qxOSCloseFile(file);
+}
+
+// Recreates the file that `element` names in `nameAttribute` when it exists
+// neither under its name nor next to the XML file. `name` receives the name.
+void restoreFile(const char* xmlPath, const XMLElement* element, const char* nameAttribute, char* name,
+                 bool needsData) {
+    copyName(name, element->Attribute(nameAttribute));
+    if (qxOSFileExists(name)) return;
+    char beside[QX_MAX_PATH];
+    qnv::projectFileBeside(xmlPath, name, beside);
+    if (qxOSFileExists(beside)) return;
+    const char* data = element->Attribute(kData);
+    if (data == nullptr) data = "";
+    if (needsData && *data == '\0') return;
+    createFile(beside, data);
+}
+
+}  // namespace
+
+CQxProjectToXML::CQxProjectToXML() : document(new XMLDocument) {
+    std::memset(xmlName, 0, sizeof xmlName);
+    std::memset(clipFile, 0, sizeof clipFile);
+    std::memset(edlName, 0, sizeof edlName);
+    // Empty encoding and standalone values are left out of the declaration.
+    document->InsertEndChild(document->NewDeclaration("xml version=\"1.0\""));
+    // Three top-level elements side by side, no common root: the file format.
+    clipList = document->InsertEndChild(document->NewElement(kClipList))->ToElement();
+    edlList = document->InsertEndChild(document->NewElement(kEdlList))->ToElement();
+    settings = document->InsertEndChild(document->NewElement(kSettings))->ToElement();
+}
+
+CQxProjectToXML::~CQxProjectToXML() {
+    delete document;
+    document = nullptr;
+    clipList = edlList = settings = nullptr;
+}
+
+// Shallow on purpose (see the header). The document this object held goes
+// unless the source shares it.
+CQxProjectToXML& CQxProjectToXML::operator=(const CQxProjectToXML& other) {
+    if (this == &other) return *this;
+    if (document != other.document) delete document;
+    std::memcpy(xmlName, other.xmlName, sizeof xmlName);
+    std::memcpy(clipFile, other.clipFile, sizeof clipFile);
+    std::memcpy(edlName, other.edlName, sizeof edlName);
+    document = other.document;
+    clipList = other.clipList;
+    edlList = other.edlList;
+    settings = other.settings;
+    return *this;
+}
+
+uint32_t CQxProjectToXML::SetXMLName(const char* name) {
+    copyName(xmlName, name);
+    return 0;
+}
+
+uint32_t CQxProjectToXML::GetXMLName(char* destination) const {
+    if (destination != nullptr) copyName(destination, xmlName);
+    return 0;
+}
+
+uint32_t CQxProjectToXML::SetClipFile(const char* path) {
+    embedFile(topElement(document, clipList, kClipList), "FileName", clipFile, path);
+    return 0;
+}
+
+uint32_t CQxProjectToXML::GetClipFile(char* destination) const {
+    if (destination != nullptr) copyName(destination, clipFile);
+    return 0;
+}
+
+uint32_t CQxProjectToXML::SetEDLName(const char* path) {
+    embedFile(topElement(document, edlList, kEdlList), "EdlName", edlName, path);
+    return 0;
+}
+
+uint32_t CQxProjectToXML::GetEDLName(char* destination) const {
+    if (destination != nullptr) copyName(destination, edlName);
+    return 0;
+}
+
+uint32_t CQxProjectToXML::SetConfigDWORD(const char* name, uint32_t value) {
+    if (name != nullptr) topElement(document, settings, kSettings)->SetAttribute(name, value);
+    return 0;
+}
+
+uint32_t CQxProjectToXML::GetConfigDWORD(const char* name) const {
+    const XMLElement* element = document->FirstChildElement(kSettings);
+    const char* text = element != nullptr && name != nullptr ? element->Attribute(name) : nullptr;
+    if (text == nullptr) return 0;
+    // Signed decimal, kept to 32 bits: "-1" and "4294967295" both give
+    // 0xFFFFFFFF, so every value SetConfigDWORD wrote comes back.
+    return static_cast<uint32_t>(static_cast<uint64_t>(std::strtoll(text, nullptr, 10)));
+}
+
+uint32_t CQxProjectToXML::SetConfigString(const char* name, const char* value) {
+    if (name != nullptr) topElement(document, settings, kSettings)->SetAttribute(name, value != nullptr ? value : "");
+    return 0;
+}
+
+uint32_t CQxProjectToXML::GetConfigString(const char* name, char* destination) const {
+    const XMLElement* element = document->FirstChildElement(kSettings);
+    const char* text = element != nullptr && name != nullptr ? element->Attribute(name) : nullptr;
+    if (text != nullptr && destination != nullptr) copyName(destination, text);
+    return 0;
+}
+
+uint32_t CQxProjectToXML::LoadXMLFile(const char* path) {
+    clipFile[0] = edlName[0] = '\0';
+    copyName(xmlName, path);
+    const bool loaded = document->LoadFile(xmlName) == tinyxml2::XML_SUCCESS;
+    // The old elements went with the old content.
+    clipList = document->FirstChildElement(kClipList);
+    edlList = document->FirstChildElement(kEdlList);
+    settings = document->FirstChildElement(kSettings);
+
+    if (clipList != nullptr) {
+        restoreFile(xmlName, clipList, "FileName", clipFile, true);  // only with embedded text
+        if (edlList != nullptr) restoreFile(xmlName, edlList, "EdlName", edlName, false);
+    }
+    return loaded ? 1 : 0;
+}
+
+uint32_t CQxProjectToXML::SaveXMLFile() {
+    EscapingPrinter printer;
+    document->Print(&printer);
+    QXFILE file = qxOSCreateFile(xmlName, QX_GENERIC_WRITE, 0, nullptr, QX_CREATE_ALWAYS, 0, nullptr);
+    if (file == QX_INVALID_FILE) return 0;
+    uint32_t written = 0;
+    const uint32_t size = static_cast<uint32_t>(printer.CStrSize() - 1);  // without the terminator
+    const bool saved = qxOSWriteFile(file, printer.CStr(), size, &written, nullptr) && written == size;
+    qxOSCloseFile(file);
+    return saved ? 1 : 0;
+}

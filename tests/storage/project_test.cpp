@@ -1,0 +1,244 @@
+// CQxProjectToXML: save-load round trips of the embedded texts, the document
+// layout, recreation of missing files, settings and name bounds.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <optional>
+#include <string>
+
+#include "qnvutil/storage.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+class Project : public CQxProjectToXML {
+public:
+    // Drops a document shared with another object, which deletes it.
+    void forgetDocument() { document = nullptr; }
+};
+
+std::string slurp(const fs::path& p) {
+    std::ifstream in(p, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+void spit(const fs::path& p, const std::string& text) { std::ofstream(p, std::ios::binary) << text; }
+
+// What xmllint reads from `xpath` of a saved project, its three top-level
+// elements wrapped in one root so that it is a whole XML document; nullopt
+// when xmllint finds the document malformed.
+std::optional<std::string> xmllintRead(const fs::path& saved, const std::string& xpath) {
+    std::string text = slurp(saved);
+    size_t body = text.find("?>") + 2;
+    fs::path wrapped = saved.string() + ".wrapped";
+    spit(wrapped, text.substr(0, body) + "<r>" + text.substr(body) + "</r>\n");
+    std::string command = "xmllint --xpath 'string(/r/" + xpath + ")' '" + wrapped.string() + "' 2>/dev/null";
+    FILE* pipe = ::popen(command.c_str(), "r");
+    std::string out;
+    for (int c; (c = std::fgetc(pipe)) != EOF;) out.push_back(static_cast<char>(c));
+    if (::pclose(pipe) != 0) return std::nullopt;
+    if (!out.empty() && out.back() == '\n') out.pop_back();  // xmllint ends its output with one
+    return out;
+}
+
+bool haveXmllint() { return std::system("xmllint --version >/dev/null 2>&1") == 0; }
+
+class ProjectFile : public ::testing::Test {
+protected:
+    void SetUp() override {
+        dir = fs::temp_directory_path() / ("qnvproject-" + std::to_string(::getpid()) + "-" +
+                                           ::testing::UnitTest::GetInstance()->current_test_info()->name());
+        fs::remove_all(dir);
+        fs::create_directories(dir / "a");
+        fs::create_directories(dir / "b");
+    }
+    void TearDown() override { fs::remove_all(dir); }
+
+    // Saves a project of clip and EDL files with these texts in folder a.
+    fs::path save(const std::string& clipText, const std::string& edlText) {
+        spit(dir / "a/clips.lst", clipText);
+        spit(dir / "a/cut.edl", edlText);
+        CQxProjectToXML p;
+        p.SetClipFile((dir / "a/clips.lst").c_str());
+        p.SetEDLName((dir / "a/cut.edl").c_str());
+        p.SetConfigDWORD("Track", 7);
+        p.SetConfigString("Title", "A \"quoted\" <title> & more");
+        fs::path xml = dir / "a/project.xml";
+        p.SetXMLName(xml.c_str());
+        EXPECT_EQ(p.SaveXMLFile(), 1u);
+        return xml;
+    }
+    // Copies the XML file alone to folder b and loads it there.
+    uint32_t loadMoved(const fs::path& xml, CQxProjectToXML& p) {
+        fs::copy_file(xml, dir / "b/project.xml", fs::copy_options::overwrite_existing);
+        fs::remove(dir / "a/clips.lst");
+        fs::remove(dir / "a/cut.edl");
+        return p.LoadXMLFile((dir / "b/project.xml").c_str());
+    }
+
+    fs::path dir;
+};
+
+const std::string kText =
+    "001  CLIP1  V  C  01:00:00:00 01:00:10:00\r\n"
+    "\tindented\tline\n"
+    "quotes \" and ' ampersand & less < greater > semicolon ;\n"
+    "  leading and trailing spaces  \r\n"
+    "caf\xC3\xA9 \xE2\x80\x94 \xF0\x9F\x8E\xAC\r\r\n\n";
+
+}  // namespace
+
+TEST_F(ProjectFile, EmbeddedTextsComeBackByteForByte) {
+    fs::path xml = save(kText, "TITLE: cut\r\nFCM: NON-DROP FRAME\r\n");
+    std::string saved = slurp(xml);
+    EXPECT_EQ(saved.rfind("<?xml version=\"1.0\"?>\n<ClipList FileName=\"", 0), 0u) << saved;
+    EXPECT_LT(saved.find("<ClipList"), saved.find("<EdlList"));
+    EXPECT_LT(saved.find("<EdlList"), saved.find("<Settings Track=\"7\""));
+    EXPECT_EQ(saved.find_first_of("\t\r"), std::string::npos) << "raw tabs or CRs in attribute text";
+
+    CQxProjectToXML p;
+    ASSERT_EQ(loadMoved(xml, p), 1u);
+    EXPECT_EQ(slurp(dir / "b/clips.lst"), kText);
+    EXPECT_EQ(slurp(dir / "b/cut.edl"), "TITLE: cut\r\nFCM: NON-DROP FRAME\r\n");
+    char text[QX_PROJECT_NAME_SIZE];
+    p.GetClipFile(text);
+    EXPECT_EQ(text, (dir / "a/clips.lst").string()) << "the name as stored, not the rebuilt path";
+    p.GetConfigString("Title", text);
+    EXPECT_STREQ(text, "A \"quoted\" <title> & more");
+    EXPECT_EQ(p.GetConfigDWORD("Track"), 7u);
+
+    if (!haveXmllint()) GTEST_SKIP() << "xmllint not installed";
+    EXPECT_EQ(xmllintRead(xml, "ClipList/@Data"), kText);
+    EXPECT_EQ(xmllintRead(xml, "Settings/@Title"), "A \"quoted\" <title> & more");
+}
+
+TEST_F(ProjectFile, BytesOutsideUtf8AndControlCharactersRoundTrip) {
+    std::string odd = "latin-1 caf\xE9, a lone \x80 and \xFF, bell \x07, escape \x1B[0m\x7F";
+    CQxProjectToXML p;
+    ASSERT_EQ(loadMoved(save(odd, odd + odd), p), 1u);
+    EXPECT_EQ(slurp(dir / "b/clips.lst"), odd);
+    EXPECT_EQ(slurp(dir / "b/cut.edl"), odd + odd);
+}
+
+TEST_F(ProjectFile, RecreatesOnlyWhatIsMissing) {
+    fs::path xml = save("clip text", "edl text");
+    {
+        // The files still exist under their stored names: nothing is written.
+        CQxProjectToXML p;
+        spit(dir / "a/clips.lst", "clip text");
+        spit(dir / "a/cut.edl", "edl text");
+        fs::copy_file(xml, dir / "b/project.xml");
+        ASSERT_EQ(p.LoadXMLFile((dir / "b/project.xml").c_str()), 1u);
+        EXPECT_FALSE(fs::exists(dir / "b/clips.lst"));
+        EXPECT_FALSE(fs::exists(dir / "b/cut.edl"));
+    }
+    {
+        // Missing under the stored name, present next to the XML: kept as is.
+        CQxProjectToXML p;
+        spit(dir / "b/clips.lst", "newer clip text");
+        ASSERT_EQ(loadMoved(xml, p), 1u);
+        EXPECT_EQ(slurp(dir / "b/clips.lst"), "newer clip text");
+        EXPECT_EQ(slurp(dir / "b/cut.edl"), "edl text");
+    }
+}
+
+TEST_F(ProjectFile, EmptyDataRecreatesTheEdlButNotTheClipFile) {
+    spit(dir / "b/project.xml",
+         "<?xml version=\"1.0\"?>\n<ClipList FileName=\"/nowhere/clips.lst\" Data=\"\"/>\n"
+         "<EdlList EdlName=\"C:\\Projects\\cut.edl\"/>\n<Settings/>\n");
+    CQxProjectToXML p;
+    ASSERT_EQ(p.LoadXMLFile((dir / "b/project.xml").c_str()), 1u);
+    EXPECT_FALSE(fs::exists(dir / "b/clips.lst"));
+    ASSERT_TRUE(fs::exists(dir / "b/cut.edl")) << "named after the part behind the last backslash";
+    EXPECT_EQ(fs::file_size(dir / "b/cut.edl"), 0u);
+
+    // Without a ClipList the EDL is not looked at.
+    fs::remove(dir / "b/cut.edl");
+    spit(dir / "b/project.xml", "<EdlList EdlName=\"cut.edl\" Data=\"x\"/>");
+    ASSERT_EQ(p.LoadXMLFile((dir / "b/project.xml").c_str()), 1u);
+    EXPECT_FALSE(fs::exists(dir / "b/cut.edl"));
+    char name[QX_PROJECT_NAME_SIZE] = "untouched";
+    p.GetEDLName(name);
+    EXPECT_STREQ(name, "");
+
+    // A file that does not parse gives 0 and no names.
+    spit(dir / "b/project.xml", "<ClipList FileName=\"clips.lst\" Data=\"x\"");
+    EXPECT_EQ(p.LoadXMLFile((dir / "b/project.xml").c_str()), 0u);
+    p.GetClipFile(name);
+    EXPECT_STREQ(name, "");
+    EXPECT_FALSE(fs::exists(dir / "b/clips.lst"));
+}
+
+TEST_F(ProjectFile, SettingsAndSettersAfterALoad) {
+    CQxProjectToXML p;
+    EXPECT_EQ(p.GetConfigDWORD("Missing"), 0u);
+    char text[QX_PROJECT_NAME_SIZE] = "untouched";
+    p.GetConfigString("Missing", text);
+    EXPECT_STREQ(text, "untouched");
+    p.SetConfigString("Minus", "-1");
+    EXPECT_EQ(p.GetConfigDWORD("Minus"), 0xFFFFFFFFu);
+    p.SetConfigDWORD("Max", 0xFFFFFFFFu);
+    EXPECT_EQ(p.GetConfigDWORD("Max"), 0xFFFFFFFFu);
+    p.SetConfigString("Long", std::string(300, 'x').c_str());
+    p.GetConfigString("Long", text);
+    EXPECT_EQ(std::string(text), std::string(259, 'x'));
+
+    // A loaded document without a Settings element gains one on the first
+    // setter; clip and EDL setters address the loaded elements.
+    spit(dir / "b/project.xml", "<?xml version=\"1.0\"?>\n<ClipList FileName=\"x\"/>\n");
+    ASSERT_EQ(p.LoadXMLFile((dir / "b/project.xml").c_str()), 1u);
+    p.SetConfigDWORD("Rate", 25);
+    spit(dir / "b/cut.edl", "edl");
+    p.SetEDLName((dir / "b/cut.edl").c_str());
+    p.SetClipFile("missing.lst");
+    ASSERT_EQ(p.SaveXMLFile(), 1u);
+    std::string saved = slurp(dir / "b/project.xml");
+    EXPECT_NE(saved.find("<ClipList FileName=\"missing.lst\"/>"), std::string::npos) << saved;
+    EXPECT_NE(saved.find("<Settings Rate=\"25\"/>"), std::string::npos) << saved;
+    EXPECT_NE(saved.find("Data=\"edl\""), std::string::npos) << saved;
+
+    // A file that cannot be read leaves the embedded text as it was.
+    p.SetEDLName("missing.edl");
+    p.SaveXMLFile();
+    saved = slurp(dir / "b/project.xml");
+    EXPECT_NE(saved.find("<EdlList EdlName=\"missing.edl\" Data=\"edl\"/>"), std::string::npos) << saved;
+}
+
+TEST_F(ProjectFile, NamesKeepAtMost259Characters) {
+    const std::string longName = (dir / "b" / std::string(300, 'n')).string();
+    CQxProjectToXML p;
+    char name[QX_PROJECT_NAME_SIZE];
+    p.SetXMLName(longName.c_str());
+    p.GetXMLName(name);
+    EXPECT_EQ(std::string(name), longName.substr(0, 259));
+    p.SetClipFile(longName.c_str());
+    p.GetClipFile(name);
+    EXPECT_EQ(std::string(name), longName.substr(0, 259));
+
+    spit(dir / "b/project.xml", "<ClipList FileName=\"" + std::string(400, 'c') + "\"/><EdlList EdlName=\"" +
+                                   std::string(400, 'e') + "\" Data=\"\"/>");
+    ASSERT_EQ(p.LoadXMLFile((dir / "b/project.xml").c_str()), 1u);
+    p.GetClipFile(name);
+    EXPECT_EQ(std::string(name), std::string(259, 'c'));
+    p.GetEDLName(name);
+    EXPECT_EQ(std::string(name), std::string(259, 'e'));
+}
+
+TEST_F(ProjectFile, AssignmentSharesTheDocument) {
+    CQxProjectToXML source;
+    source.SetXMLName("source.xml");
+    Project copy;
+    static_cast<CQxProjectToXML&>(copy) = source;
+    source.SetConfigDWORD("Shared", 3);
+    EXPECT_EQ(copy.GetConfigDWORD("Shared"), 3u);
+    char name[QX_PROJECT_NAME_SIZE];
+    copy.GetXMLName(name);
+    EXPECT_STREQ(name, "source.xml");
+    copy.forgetDocument();
+}
