@@ -5,9 +5,9 @@
 #
 #   adts_<rate>_<channels>.aac      ADTS stream (-c:a aac -f adts), 0.1 s of tone
 #   adts_<rate>_<channels>.ffprobe  its stream values and every packet's pos/size
-#   mp4_<rate>_<channels>.mp4       the same in an MP4 file
-#   mp4_<rate>_<channels>.ffprobe   its stream values and extradata (the
+#   mp4_<rate>_<channels>.ffprobe   stream values and extradata (the
 #                                   AudioSpecificConfig of the sample description)
+#                                   of the same encoded into an MP4 file
 #
 # Run from anywhere: tests/data/aac/make_fixtures.sh
 set -eu
@@ -38,10 +38,12 @@ for spec in 8000:1 22050:2 44100:2 48000:6 96000:2 32000:8; do
         -of default=nw=1 "$name.aac" >"$name.ffprobe"
 done
 
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
 for spec in 16000:1 44100:2 48000:6; do
     rate=${spec%:*} channels=${spec#*:}
     name=mp4_${rate}_$channels
-    encode "$rate" "$channels" mp4 "$name.mp4"
+    encode "$rate" "$channels" mp4 "$work/$name.mp4"
     ffprobe -v error -select_streams a:0 -show_entries stream=sample_rate,channels,profile,extradata \
-        -show_data -of default=nw=1 "$name.mp4" >"$name.ffprobe"
+        -show_data -of default=nw=1 "$work/$name.mp4" >"$name.ffprobe"
 done
