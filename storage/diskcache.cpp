@@ -13,6 +13,11 @@ constexpr uintptr_t kMemoryAlign = 1024;  // cacheData is aligned to this
 constexpr uint32_t kRetryMs = 1500;
 constexpr uint32_t kErrorBit = 0x80000000u;
 
+// memcpy that takes empty copies from and to null pointers.
+inline void copyBytes(uint8_t* destination, const uint8_t* source, uint32_t count) {
+    if (count != 0) std::memcpy(destination, source, count);
+}
+
 }  // namespace
 
 CQxDiskCache::CQxDiskCache()
@@ -72,12 +77,12 @@ uint32_t CQxDiskCache::Read(uint8_t* destination, uint64_t position, uint32_t si
     if (cachedStart <= position && position < cachedEnd) {
         const uint8_t* cached = cacheData + (position - cachedStart);
         if (position + size < cachedEnd) {
-            std::memcpy(destination, cached, size);
+            copyBytes(destination, cached, size);
             *bytesRead = size;
             return 0;
         }
         *bytesRead = static_cast<uint32_t>(cachedEnd - position);
-        std::memcpy(destination, cached, *bytesRead);
+        copyBytes(destination, cached, *bytesRead);
         at = position + *bytesRead;
     }
 
@@ -133,7 +138,7 @@ uint32_t CQxDiskCache::Read(uint8_t* destination, uint64_t position, uint32_t si
     }
 
     cachedEnd = cachedStart + got;
-    std::memcpy(destination + *bytesRead, cacheData + (at - cachedStart), needed);
+    copyBytes(destination + *bytesRead, cacheData + (at - cachedStart), needed);
     *bytesRead = size;
     return lastError;
 }

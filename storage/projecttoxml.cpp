@@ -39,7 +39,7 @@ const char kData[] = "Data";
 // guard: names keep at most 259 characters and their terminator
 void copyName(char* destination, const char* source) {
     size_t n = source != nullptr ? strnlen(source, kMaxName) : 0;
-    std::memcpy(destination, source, n);
+    if (n != 0) std::memcpy(destination, source, n);
     destination[n] = '\0';
 }
 
