@@ -1,4 +1,4 @@
-// Loads random files as project documents in a scratch folder (where a
+// Loads random files as project documents in a fresh folder (where a
 // missing clip or EDL file may be recreated), uses the getters and setters,
 // saves, and checks that the saved file loads again with the same names,
 // embedded texts and settings. Half of the inputs are cut at '|' into the
@@ -35,23 +35,15 @@ public:
     }
 };
 
-const std::string& scratch() {
-    static const std::string dir = [] {
-        char name[] = "/tmp/fuzz_project-XXXXXX";
-        if (::mkdtemp(name) == nullptr) std::abort();
-        return std::string(name);
-    }();
-    return dir;
-}
-
-void emptyScratch() {
-    DIR* d = ::opendir(scratch().c_str());
-    if (d == nullptr) return;
-    while (dirent* e = ::readdir(d)) {
-        if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0)
-            ::unlink((scratch() + "/" + e->d_name).c_str());
+// Removes the folder and what the run left in it.
+void removeFolder(const std::string& dir) {
+    if (DIR* d = ::opendir(dir.c_str())) {
+        while (dirent* e = ::readdir(d))
+            if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0)
+                ::unlink((dir + "/" + e->d_name).c_str());
+        ::closedir(d);
     }
-    ::closedir(d);
+    ::rmdir(dir.c_str());
 }
 
 std::string skeleton(const uint8_t* data, size_t size) {
@@ -70,7 +62,9 @@ std::string skeleton(const uint8_t* data, size_t size) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size == 0 || size > 4096) return 0;
-    const std::string path = scratch() + "/project.xml";
+    char folder[] = "/tmp/fuzz_project-XXXXXX";  // one per run, so no run sees another's files
+    if (::mkdtemp(folder) == nullptr) std::abort();
+    const std::string path = std::string(folder) + "/project.xml";
     {
         std::ofstream out(path, std::ios::binary | std::ios::trunc);
         if (data[0] & 1)
@@ -93,6 +87,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             if (again.LoadXMLFile(path.c_str()) != 1 || again.attributes() != p.attributes()) std::abort();
         }
     }
-    emptyScratch();
+    removeFolder(folder);
     return 0;
 }
