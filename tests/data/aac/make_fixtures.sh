@@ -30,8 +30,8 @@ encode() {  # encode RATE CHANNELS FORMAT OUTPUT
         -fflags +bitexact -flags:a +bitexact -f "$3" "$4"
 }
 
-for spec in 8000:1 22050:2 44100:2 48000:6 96000:2 32000:8; do
-    rate=${spec%:*} channels=${spec#*:}
+for pair in 8000:1 22050:2 44100:2 48000:6 96000:2 32000:8; do
+    rate=${pair%:*} channels=${pair#*:}
     name=adts_${rate}_$channels
     encode "$rate" "$channels" adts "$name.aac"
     ffprobe -v error -show_entries stream=sample_rate,channels,profile:packet=pos,size \
@@ -40,8 +40,8 @@ done
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-for spec in 16000:1 44100:2 48000:6; do
-    rate=${spec%:*} channels=${spec#*:}
+for pair in 16000:1 44100:2 48000:6; do
+    rate=${pair%:*} channels=${pair#*:}
     name=mp4_${rate}_$channels
     encode "$rate" "$channels" mp4 "$work/$name.mp4"
     ffprobe -v error -select_streams a:0 -show_entries stream=sample_rate,channels,profile,extradata \
