@@ -43,6 +43,12 @@ void copyName(char* destination, const char* source) {
     destination[n] = '\0';
 }
 
+// Copies a name out to a caller's buffer of QX_PROJECT_NAME_SIZE; 0.
+uint32_t copyOut(char* destination, const char* name) {
+    if (destination != nullptr) copyName(destination, name);
+    return 0;
+}
+
 // The top-level element `name`, created at the end when the document has
 // none; `handle` is kept pointing at it.
 XMLElement* topElement(XMLDocument* document, XMLElement*& handle, const char* name) {
@@ -195,8 +201,7 @@ uint32_t CQxProjectToXML::SetXMLName(const char* name) {
 }
 
 uint32_t CQxProjectToXML::GetXMLName(char* destination) const {
-    if (destination != nullptr) copyName(destination, xmlName);
-    return 0;
+    return copyOut(destination, xmlName);
 }
 
 uint32_t CQxProjectToXML::SetClipFile(const char* path) {
@@ -205,8 +210,7 @@ uint32_t CQxProjectToXML::SetClipFile(const char* path) {
 }
 
 uint32_t CQxProjectToXML::GetClipFile(char* destination) const {
-    if (destination != nullptr) copyName(destination, clipFile);
-    return 0;
+    return copyOut(destination, clipFile);
 }
 
 uint32_t CQxProjectToXML::SetEDLName(const char* path) {
@@ -215,8 +219,7 @@ uint32_t CQxProjectToXML::SetEDLName(const char* path) {
 }
 
 uint32_t CQxProjectToXML::GetEDLName(char* destination) const {
-    if (destination != nullptr) copyName(destination, edlName);
-    return 0;
+    return copyOut(destination, edlName);
 }
 
 uint32_t CQxProjectToXML::SetConfigDWORD(const char* name, uint32_t value) {
