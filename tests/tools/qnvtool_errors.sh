@@ -39,4 +39,9 @@ expect_error "$tool" tc 5
 expect_error "$tool" tc 1 --type bogus
 expect_error "$tool" tc 01:00:00:00 --rate 30000/1001
 expect_error "$tool" rate 0/1
+expect_error "$tool" probe "$work/text"
+expect_error "$tool" probe --kind aac "$work/text"
+expect_error "$tool" probe --kind h264 "$work/noise"
+expect_error "$tool" project show "$work/missing"
+expect_error "$tool" project show "$work/text"
 exit $fail
