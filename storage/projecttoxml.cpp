@@ -57,10 +57,24 @@ XMLElement* topElement(XMLDocument* document, XMLElement*& handle, const char* n
     return handle;
 }
 
+// Length of the UTF-8 sequence starting at p (a byte >= 0x80), 0 when the
+// bytes there are not well-formed UTF-8.
+size_t utf8Length(const unsigned char* p) {
+    const unsigned char c = p[0];
+    size_t n = c >= 0xC2 && c <= 0xDF ? 2 : c >= 0xE0 && c <= 0xEF ? 3 : c >= 0xF0 && c <= 0xF4 ? 4 : 0;
+    for (size_t i = 1; i < n; ++i)
+        if ((p[i] & 0xC0) != 0x80) return 0;
+    if (n == 3 && ((c == 0xE0 && p[1] < 0xA0) || (c == 0xED && p[1] >= 0xA0))) return 0;  // overlong, surrogate
+    if (n == 4 && ((c == 0xF0 && p[1] < 0x90) || (c == 0xF4 && p[1] >= 0x90))) return 0;  // overlong, too large
+    return n;
+}
+
 // Writes attribute values so that any XML parser reads back the same
-// characters: the markup characters as entities, and tabs, line breaks and
-// other control characters as character references (a parser would turn
-// them into spaces or drop carriage returns if they stood as they are).
+// characters: the markup characters as entities; tabs, line breaks and other
+// control characters as character references (a parser would turn them into
+// spaces or drop carriage returns if they stood as they are); UTF-8
+// characters as they are; and every other byte above 127 as the reference
+// of the ISO 8859-1 character of that value, so the file stays well-formed.
 class EscapingPrinter : public tinyxml2::XMLPrinter {
 public:
     bool VisitEnter(const XMLElement& element, const tinyxml2::XMLAttribute* attribute) override {
@@ -82,7 +96,13 @@ private:
         for (const char* p = value; *p != '\0'; ++p) {
             const unsigned char c = static_cast<unsigned char>(*p);
             const char* entity = c == '&' ? "&amp;" : c == '<' ? "&lt;" : c == '>' ? "&gt;" : c == '"' ? "&quot;" : nullptr;
-            if (entity == nullptr && c >= 0x20) continue;
+            if (entity == nullptr && c >= 0x20 && c < 0x80) continue;
+            if (c >= 0x80) {
+                if (size_t n = utf8Length(reinterpret_cast<const unsigned char*>(p)); n != 0) {
+                    p += n - 1;
+                    continue;
+                }
+            }
             Write(run, static_cast<size_t>(p - run));
             if (entity != nullptr) {
                 Write(entity);
@@ -96,6 +116,62 @@ private:
         Write(run);
     }
 };
+
+// Resolves the entities and character references of an attribute value the
+// way the printer above writes them: references up to 255 stand for that
+// byte, larger ones for the character's UTF-8 bytes. Anything else stays as
+// it is.
+std::string resolveReferences(const char* value) {
+    static const struct {
+        const char* name;
+        char c;
+    } kEntities[] = {{"amp;", '&'}, {"lt;", '<'}, {"gt;", '>'}, {"quot;", '"'}, {"apos;", '\''}};
+    std::string out;
+    for (const char* p = value; *p != '\0'; ++p) {
+        if (*p != '&') {
+            out.push_back(*p);
+            continue;
+        }
+        bool done = false;
+        for (const auto& e : kEntities) {
+            size_t n = std::strlen(e.name);
+            if (std::strncmp(p + 1, e.name, n) == 0) {
+                out.push_back(e.c);
+                p += n;
+                done = true;
+                break;
+            }
+        }
+        if (!done && p[1] == '#') {
+            const bool hex = p[2] == 'x';
+            char* end = nullptr;
+            unsigned long code = std::strtoul(p + (hex ? 3 : 2), &end, hex ? 16 : 10);
+            if (end != p + (hex ? 3 : 2) && *end == ';' && code != 0 && code <= 0x10FFFF) {
+                if (code <= 0xFF) {
+                    out.push_back(static_cast<char>(code));
+                } else {
+                    static const unsigned long kLead[] = {0, 0xC0, 0xE0, 0xF0};
+                    const int extra = code < 0x800 ? 1 : code < 0x10000 ? 2 : 3;
+                    out.push_back(static_cast<char>(kLead[extra] | (code >> (6 * extra))));
+                    for (int i = extra - 1; i >= 0; --i) out.push_back(static_cast<char>(0x80 | ((code >> (6 * i)) & 0x3F)));
+                }
+                p = end;
+                done = true;
+            }
+        }
+        if (!done) out.push_back('&');
+    }
+    return out;
+}
+
+// After a load, every attribute holds its bytes again (the document is
+// parsed without entity processing, so that a reference to a byte and the
+// byte itself stay apart).
+void resolveDocument(XMLDocument* document) {
+    for (XMLElement* e = document->FirstChildElement(); e != nullptr; e = e->NextSiblingElement())
+        for (const tinyxml2::XMLAttribute* a = e->FirstAttribute(); a != nullptr; a = a->Next())
+            if (std::strchr(a->Value(), '&') != nullptr) e->SetAttribute(a->Name(), resolveReferences(a->Value()).c_str());
+}
 
 // The file's whole text, NUL-terminated, in a QxAlloc block (null when it
 // cannot be read or is empty).
@@ -162,7 +238,7 @@ void restoreFile(const char* xmlPath, const XMLElement* element, const char* nam
 
 }  // namespace
 
-CQxProjectToXML::CQxProjectToXML() : document(new XMLDocument) {
+CQxProjectToXML::CQxProjectToXML() : document(new XMLDocument(false)) {
     std::memset(xmlName, 0, sizeof xmlName);
     std::memset(clipFile, 0, sizeof clipFile);
     std::memset(edlName, 0, sizeof edlName);
@@ -252,6 +328,7 @@ uint32_t CQxProjectToXML::LoadXMLFile(const char* path) {
     clipFile[0] = edlName[0] = '\0';
     copyName(xmlName, path);
     const bool loaded = document->LoadFile(xmlName) == tinyxml2::XML_SUCCESS;
+    resolveDocument(document);
     // The old elements went with the old content.
     clipList = document->FirstChildElement(kClipList);
     edlList = document->FirstChildElement(kEdlList);

@@ -126,6 +126,22 @@ TEST_F(ProjectFile, BytesOutsideUtf8AndControlCharactersRoundTrip) {
     EXPECT_EQ(slurp(dir / "b/cut.edl"), odd + odd);
 }
 
+TEST_F(ProjectFile, BytesAbove127StayWellFormedXml) {
+    // UTF-8 text stands as it is; other bytes are written as ISO 8859-1
+    // character references, which a conforming parser reads as those characters.
+    const std::string text = "caf\xC3\xA9 & caf\xE9 \xE2\x82\xAC \xF0\x9F\x8E\xAC \xC3( \xED\xA0\x80";
+    fs::path xml = save(text, "plain");
+    std::string saved = slurp(xml);
+    EXPECT_NE(saved.find("caf\xC3\xA9 &amp; caf&#233; \xE2\x82\xAC \xF0\x9F\x8E\xAC &#195;( &#237;&#160;&#128;"),
+              std::string::npos);
+    CQxProjectToXML p;
+    ASSERT_EQ(loadMoved(xml, p), 1u);
+    EXPECT_EQ(slurp(dir / "b/clips.lst"), text);
+    if (!haveXmllint()) GTEST_SKIP() << "xmllint not installed";
+    EXPECT_EQ(xmllintRead(xml, "ClipList/@Data"),
+              "caf\xC3\xA9 & caf\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x8E\xAC \xC3\x83( \xC3\xAD\xC2\xA0\xC2\x80");
+}
+
 TEST_F(ProjectFile, RecreatesOnlyWhatIsMissing) {
     fs::path xml = save("clip text", "edl text");
     {
