@@ -1,0 +1,104 @@
+// HEVC time_code SEI (payloadType 136) carrying a frame's timecode.
+#include <initializer_list>
+
+#include "foundation/bitio/bitio.h"
+#include "qnvutil/qnvvidutil.h"
+#include "qnvutil/qxutil.h"
+#include "qnvutil/sei.h"
+#include "qnvutil/sei/frame_insert.h"
+#include "qnvutil/timecodetext.h"
+
+namespace qnv {
+
+namespace {
+
+constexpr uint32_t kSearchWindow = 4096;
+constexpr uint8_t kTimeCodePayload = 136;
+// An access unit delimiter with its four-byte start code.
+constexpr uint32_t kDelimiterLength = 7;
+// TimecodeText format bit for the four binary bytes hours, minutes, seconds,
+// frames.
+constexpr uint32_t kBinaryTimecode = 0x400;
+
+bool isPrefixSei(const uint8_t* p) { return p[0] == 0 && p[1] == 0 && p[2] == 0 && p[3] == 1 && p[4] == 0x4E; }
+
+// Where the time code goes, or kAlreadyThere.
+constexpr uint32_t kAlreadyThere = 0xFFFFFFFFu;
+uint32_t findPlace(const uint8_t* data, uint32_t size) {
+    const uint32_t limit = size < kSearchWindow ? size : kSearchWindow;
+    for (uint32_t i = 0; i + 5 <= limit; ++i) {
+        if (!isPrefixSei(data + i)) continue;
+        // guard: an SEI cut off before its payloadType byte is taken as another SEI
+        if (uint64_t(i) + 6 < size && data[i + 6] == kTimeCodePayload) return kAlreadyThere;
+        if (i != 0) return i;
+        break;
+    }
+    if (size >= 5 && data[0] == 0 && data[1] == 0 && data[2] == 0 && data[3] == 1 && data[4] == 0x46) {
+        // guard: a frame that ends inside its delimiter takes the SEI at its end
+        return size < kDelimiterLength ? size : kDelimiterLength;
+    }
+    return 0;
+}
+
+// The SEI NAL unit with its start code, into `out`; returns its length.
+uint32_t buildTimeCodeSei(uint32_t frameCount, uint32_t tcType, uint8_t* out, uint32_t outSize) {
+    char tc[TCT_TEXT_SIZE] = {};
+    TimecodeTextFormat(frameCount, tcType | kBinaryTimecode, tc);
+    auto field = [&](int i) { return static_cast<int32_t>(static_cast<uint8_t>(tc[i])); };
+    const bool dropped = tcType == 4 || tcType == 32;
+
+    uint8_t rbsp[64];
+    BitBuffer w = bitWriter(rbsp, sizeof rbsp);
+    // Start code placeholder, PREFIX_SEI_NUT (layer 0, temporal id 0),
+    // payloadType 136, payloadSize (set by EmitNalUnit).
+    for (uint8_t b : {0x00, 0x00, 0x00, 0x01, 0x4E, 0x01, 0x88, 0x00}) WriteBits(&w, 8, b);
+    WriteBits(&w, 2, 1);        // num_clock_ts
+    WriteBits(&w, 1, 1);        // clock_timestamp_flag
+    WriteBits(&w, 1, 0);        // units_field_based_flag
+    WriteBits(&w, 5, 0);        // counting_type
+    WriteBits(&w, 1, 1);        // full_timestamp_flag
+    WriteBits(&w, 1, 0);        // discontinuity_flag
+    WriteBits(&w, 1, dropped);  // cnt_dropped_flag
+    WriteBits(&w, 9, field(3)); // n_frames
+    WriteBits(&w, 6, field(2)); // seconds_value
+    WriteBits(&w, 6, field(1)); // minutes_value
+    WriteBits(&w, 5, field(0)); // hours_value
+    WriteBits(&w, 5, 0);        // time_offset_length
+    BitBuffer o = bitWriter(out, outSize);
+    EmitNalUnit(&w, &o, 7, 0);
+    return o.bitPos / 8;
+}
+
+}  // namespace
+
+}  // namespace qnv
+
+using namespace qnv;
+
+extern "C" {
+
+int32_t qnvutilAddHEVCTimeCode(DFrame* frame, uint32_t tcType) {
+    // guard: no frame record
+    if (frame == nullptr) return 0;
+    DFrame& f = *frame;
+    // guard: the frame is not read when its size exceeds its buffer
+    if (!frameHasRoom(f, 0)) {
+        ErrOut("No room for time code SEI in DFrame %s %d", kVidUtilSource, __LINE__);
+        return 0;
+    }
+    const uint32_t place = findPlace(f.frameData, f.frameSize);
+    if (place == kAlreadyThere) return 0;
+    uint8_t sei[64];
+    const uint32_t length = buildTimeCodeSei(f.frameTimecode, tcType, sei, sizeof sei);
+    // guard: the buffer must hold the frame and the SEI
+    if (!frameHasRoom(f, length)) {
+        ErrOut("No room for time code SEI in DFrame %s %d", kVidUtilSource, __LINE__);
+        return 0;
+    }
+    insertAt(f, place, length, sei, length);
+    f.frameSize += length;
+    f.frameBytesTotal += length;
+    return 0;
+}
+
+}  // extern "C"
