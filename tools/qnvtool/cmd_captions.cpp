@@ -1,0 +1,254 @@
+// qnvtool captions IN OUT (--cdp FILE | --608-text TEXT) [--codec h264|hevc|mpeg2] [--rate N]
+//
+// Inserts one caption packet into every access unit of an H.264, HEVC or
+// MPEG-2 video elementary stream, in stream order.
+//
+// CDP file: a sequence of caption packets, used in turn (starting over at the
+// first when the stream has more access units than the file has packets), in
+// one of two forms, told apart by the file's first two bytes:
+//   - bare CEA-708 caption distribution packets, each beginning 96 69 and
+//     cdp_length bytes long;
+//   - the packets as the library takes them: four header bytes of the
+//     caller's own (ignored), 61 01 (DID, SDID), the data count DC, then the
+//     CDP of DC bytes.
+//
+// --608-text generates a CEA-608 pop-on caption on CC1 (row 15): it is loaded
+// over the first access units, shown from the end-of-caption command on and
+// erased a few frames before the stream ends. Each CDP carries ten cc_data
+// triplets (one field-1 pair, one field-2 pair, eight DTVCC padding
+// triplets), the count the H.264 and HEVC SEI announce.
+#include <cstdio>
+#include <cstring>
+
+#include "qnvutil/sei.h"
+#include "tools/qnvtool/access_units.h"
+#include "tools/qnvtool/annexb.h"
+#include "tools/qnvtool/tool.h"
+
+namespace qnvtool {
+namespace {
+
+using Packet = std::vector<uint8_t>;
+
+struct CaptionsOptions {
+    std::string in, out, cdpFile, text, codec;
+    uint32_t rate = 30;
+};
+
+// ---- Caption packets ------------------------------------------------------
+
+constexpr uint8_t kDid = 0x61, kSdid = 0x01;
+
+Packet wrapCdp(const uint8_t* cdp, uint32_t length) {
+    Packet p = {0, 0, 0, 0, kDid, kSdid, static_cast<uint8_t>(length)};
+    p.insert(p.end(), cdp, cdp + length);
+    return p;
+}
+
+std::vector<Packet> readCaptionPackets(const std::string& path) {
+    std::vector<uint8_t> bytes = readFile(path);
+    std::vector<Packet> packets;
+    const bool bare = bytes.size() >= 2 && bytes[0] == 0x96 && bytes[1] == 0x69;
+    size_t off = 0;
+    while (off < bytes.size()) {
+        auto fail = [&](const char* what) {
+            throw Error(path + ": " + what + " at offset " + std::to_string(off));
+        };
+        if (bare) {
+            if (bytes.size() - off < 3 || bytes[off] != 0x96 || bytes[off + 1] != 0x69) fail("no CDP");
+            uint32_t length = bytes[off + 2];
+            if (length < 3 || bytes.size() - off < length) fail("truncated CDP");
+            packets.push_back(wrapCdp(bytes.data() + off, length));
+            off += length;
+        } else {
+            if (bytes.size() - off < 7 || bytes[off + 4] != kDid || bytes[off + 5] != kSdid) fail("no caption packet");
+            size_t length = size_t(bytes[off + 6]) + 7;
+            if (bytes.size() - off < length) fail("truncated caption packet");
+            packets.emplace_back(bytes.begin() + off, bytes.begin() + off + length);
+            off += length;
+        }
+    }
+    if (packets.empty()) throw Error(path + ": no caption packets");
+    return packets;
+}
+
+// cdp_frame_rate code of a whole-number rate (29 and 59 meaning 29.97, 59.94).
+uint8_t cdpRateCode(uint32_t rate) {
+    switch (rate) {
+        case 23: return 1;
+        case 24: return 2;
+        case 25: return 3;
+        case 29: return 4;
+        case 30: return 5;
+        case 50: return 6;
+        case 59: return 7;
+        case 60: return 8;
+        default: throw Error("--608-text: no CDP frame rate for --rate " + std::to_string(rate));
+    }
+}
+
+uint8_t oddParity(uint8_t b) {
+    b &= 0x7F;
+    return static_cast<uint8_t>(__builtin_parity(b) ? b : b | 0x80);
+}
+
+// One CDP with a field-1 CEA-608 byte pair, as a library caption packet.
+Packet cdp608(uint8_t b1, uint8_t b2, uint16_t counter, uint8_t rateCode) {
+    const uint8_t hi = static_cast<uint8_t>(counter >> 8), lo = static_cast<uint8_t>(counter);
+    Packet cdp = {0x96, 0x69, 0, static_cast<uint8_t>(rateCode << 4 | 0x0F),
+                  0x43,  // ccdata_present, caption_service_active, reserved
+                  hi, lo, 0x72, 0xE0 | 10};
+    cdp.insert(cdp.end(), {0xFC, oddParity(b1), oddParity(b2), 0xFD, 0x80, 0x80});
+    for (int i = 0; i < 8; ++i) cdp.insert(cdp.end(), {0xFA, 0x00, 0x00});
+    cdp.insert(cdp.end(), {0x74, hi, lo, 0});
+    cdp[2] = static_cast<uint8_t>(cdp.size());
+    uint8_t sum = 0;
+    for (uint8_t b : cdp) sum = static_cast<uint8_t>(sum + b);
+    cdp.back() = static_cast<uint8_t>(0x100 - sum);
+    return wrapCdp(cdp.data(), static_cast<uint32_t>(cdp.size()));
+}
+
+std::vector<Packet> make608Packets(const std::string& text, size_t count, uint32_t rate) {
+    if (text.empty() || text.size() > 32) throw Error("--608-text: 1 to 32 characters");
+    for (unsigned char c : text) {
+        // Characters that the basic CEA-608 set draws as themselves.
+        bool plain = c >= 0x20 && c <= 0x7A && c != 0x2A && c != 0x5C && c != 0x5E && c != 0x5F && c != 0x60;
+        if (!plain) {
+            char hex[8];
+            std::snprintf(hex, sizeof hex, "0x%02X", c);
+            throw Error(std::string("--608-text: byte ") + hex + " is not a basic CEA-608 character");
+        }
+    }
+    // Control codes on CC1, each sent twice as receivers expect.
+    const std::pair<uint8_t, uint8_t> rcl{0x14, 0x20}, enm{0x14, 0x2E}, pac{0x14, 0x70}, eoc{0x14, 0x2F},
+        edm{0x14, 0x2C}, none{0x00, 0x00};
+    std::vector<std::pair<uint8_t, uint8_t>> pairs = {rcl, rcl, enm, enm, pac, pac};
+    for (size_t i = 0; i < text.size(); i += 2)
+        pairs.emplace_back(text[i], i + 1 < text.size() ? text[i + 1] : 0);
+    pairs.insert(pairs.end(), {eoc, eoc});
+    const size_t tail = 4;  // frames at the end that erase the caption and idle
+    if (count < pairs.size() + tail)
+        throw Error("--608-text: the stream has " + std::to_string(count) + " access units, the caption needs " +
+                    std::to_string(pairs.size() + tail));
+    while (pairs.size() < count - tail) pairs.push_back(none);
+    pairs.insert(pairs.end(), {edm, edm, none, none});
+
+    const uint8_t rateCode = cdpRateCode(rate);
+    std::vector<Packet> packets;
+    for (size_t i = 0; i < pairs.size(); ++i)
+        packets.push_back(cdp608(pairs[i].first, pairs[i].second, static_cast<uint16_t>(i % 0xFFFF + 1), rateCode));
+    return packets;
+}
+
+// ---- H.264 access units as length-prefixed frames -------------------------
+//
+// The library places the SEI behind the parameter sets of a length-prefixed
+// frame, or in front of its first other unit; in Annex B form it relies on a
+// leading access unit delimiter, which encoders do not always write.
+
+void appendLengthPrefixed(const std::vector<uint8_t>& data, const AccessUnit& au, std::vector<uint8_t>& out) {
+    std::vector<uint8_t> unit(data.begin() + au.offset, data.begin() + au.offset + au.size);
+    for (const NalUnit& u : listUnits(unit)) {
+        out.insert(out.end(), {uint8_t(u.size >> 24), uint8_t(u.size >> 16), uint8_t(u.size >> 8), uint8_t(u.size)});
+        out.insert(out.end(), unit.begin() + u.payload, unit.begin() + u.payload + u.size);
+    }
+}
+
+void appendAnnexB(const uint8_t* frame, uint32_t size, std::vector<uint8_t>& out) {
+    uint64_t off = 0;
+    while (off + 4 <= size) {
+        uint64_t length = uint64_t(frame[off]) << 24 | uint32_t(frame[off + 1]) << 16 | uint32_t(frame[off + 2]) << 8 |
+                          frame[off + 3];
+        if (off + 4 + length > size) throw Error("internal: length-prefixed frame overrun");
+        out.insert(out.end(), {0, 0, 0, 1});
+        out.insert(out.end(), frame + off + 4, frame + off + 4 + length);
+        off += 4 + length;
+    }
+}
+
+// ---- The command ------------------------------------------------------------
+
+void runCaptions(const CaptionsOptions& o) {
+    std::vector<uint8_t> data = readFile(o.in);
+    if (data.empty()) throw Error(o.in + ": empty file");
+    const VideoCodec codec = resolveCodec(data, o.codec, o.in);
+    const std::vector<AccessUnit> units = splitAccessUnits(data, codec);
+    if (units.empty()) throw Error(o.in + ": no access units");
+    const std::vector<Packet> packets =
+        o.text.empty() ? readCaptionPackets(o.cdpFile) : make608Packets(o.text, units.size(), o.rate);
+
+    std::vector<uint8_t> out, buffer;
+    out.reserve(data.size() + units.size() * 80);
+    size_t captioned = 0;
+    for (size_t i = 0; i < units.size(); ++i) {
+        const AccessUnit& au = units[i];
+        const Packet& packet = packets[i % packets.size()];
+        if (packet.size() > DFRAME_CAPTION_PACKET_SIZE) throw Error("caption packet larger than 512 bytes");
+        buffer.clear();
+        if (codec == VideoCodec::kH264)
+            appendLengthPrefixed(data, au, buffer);
+        else
+            buffer.assign(data.begin() + au.offset, data.begin() + au.offset + au.size);
+        const uint32_t size = static_cast<uint32_t>(buffer.size());
+        buffer.resize(size + 2 * DFRAME_CAPTION_PACKET_SIZE + 300);  // room the insertions demand
+
+        DFrame frame{};
+        frame.frameData = buffer.data();
+        frame.frameCapacity = static_cast<uint32_t>(buffer.size());
+        frame.frameSize = size;
+        frame.captionSize = static_cast<uint32_t>(packet.size());
+        std::memcpy(frame.captionPacket, packet.data(), packet.size());
+        bool inserted = false;
+        switch (codec) {
+            case VideoCodec::kH264: {
+                int32_t r = qnvutilAddAVCCaptions(&frame, packet.data(), frame.captionSize, 1);
+                if (r == QNV_SEI_BAD_PACKET) throw Error("caption packet " + std::to_string(i % packets.size()) + " is invalid");
+                inserted = r == QNV_SEI_OK;
+                appendAnnexB(frame.frameData, frame.frameSize, out);
+                break;
+            }
+            case VideoCodec::kHevc: {
+                uint32_t added = qnvUtilAddHevcCaptions(&frame, o.rate);
+                frame.frameSize += added;
+                inserted = added != 0;
+                out.insert(out.end(), frame.frameData, frame.frameData + frame.frameSize);
+                break;
+            }
+            case VideoCodec::kMpeg2: {
+                int32_t r = qnvutilAddMPEG2Captions(&frame);
+                if (r == QNV_SEI_BAD_PACKET) throw Error("caption packet " + std::to_string(i % packets.size()) + " is invalid");
+                inserted = r == QNV_SEI_OK;
+                out.insert(out.end(), frame.frameData, frame.frameData + frame.frameSize);
+                break;
+            }
+        }
+        captioned += inserted ? 1 : 0;
+    }
+    writeFile(o.out, out);
+    std::printf("%zu access units, %zu with captions, %s\n", units.size(), captioned, videoCodecName(codec));
+}
+
+const Registration kCaptions([](CLI::App& app) {
+    auto o = std::make_shared<CaptionsOptions>();
+    CLI::App* sub = app.add_subcommand("captions", "Insert closed captions (CEA-708 CDPs) into every access unit");
+    sub->add_option("IN", o->in, "H.264, HEVC or MPEG-2 video elementary stream")->required();
+    sub->add_option("OUT", o->out, "output stream")->required();
+    auto* cdp = sub->add_option("--cdp", o->cdpFile,
+                                "file of caption packets, used in turn: bare CDPs (96 69 ...) or packets with a "
+                                "4-byte header, 61 01 and the data count in front of each CDP");
+    auto* text = sub->add_option("--608-text", o->text, "generate a CEA-608 pop-on caption showing TEXT (CC1)");
+    cdp->excludes(text);
+    sub->add_option("--codec", o->codec, "h264, hevc or mpeg2 (detected when not given)")
+        ->check(CLI::IsMember({"h264", "hevc", "mpeg2"}));
+    sub->add_option("--rate", o->rate,
+                    "frames per second as a whole number (29 for 29.97): limits the HEVC caption bytes and sets "
+                    "the generated CDPs' frame rate")
+        ->capture_default_str();
+    sub->callback([o, cdp, text] {
+        if (cdp->count() == 0 && text->count() == 0) throw Error("captions: give --cdp FILE or --608-text TEXT");
+        runCaptions(*o);
+    });
+});
+
+}  // namespace
+}  // namespace qnvtool

@@ -1,0 +1,104 @@
+// qnvtool timecode IN OUT --start HH:MM:SS:FF --rate R [--ndf]
+//
+// Stamps an HEVC time_code SEI on every access unit of an HEVC elementary
+// stream, counting up from --start in stream order (which is display order
+// for streams without reordered pictures). 29.97 and 59.94 count drop-frame
+// unless --ndf is given; access units that already carry a time code as
+// their first prefix SEI keep it.
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+
+#include "qnvutil/sei.h"
+#include "qnvutil/timecodetext.h"
+#include "tools/qnvtool/access_units.h"
+#include "tools/qnvtool/tool.h"
+
+namespace qnvtool {
+namespace {
+
+struct TimecodeOptions {
+    std::string in, out, start, rate;
+    bool nonDrop = false;
+};
+
+// Timecode type of a frame rate given as "N", "N/D" or a decimal.
+uint32_t timecodeType(const std::string& text, bool nonDrop) {
+    double num = 0, den = 1;
+    char extra = 0;
+    if (std::sscanf(text.c_str(), "%lf/%lf%c", &num, &den, &extra) == 2) {
+        // a rational
+    } else if (std::sscanf(text.c_str(), "%lf%c", &num, &extra) == 1) {
+        den = 1;
+    } else {
+        throw Error("--rate: '" + text + "' is not a frame rate");
+    }
+    const double fps = den > 0 ? num / den : 0;
+    auto near = [&](double v) { return std::fabs(fps - v) < 0.005; };
+    if (near(24000.0 / 1001)) return 128;
+    if (near(24)) return 1;
+    if (near(25)) return 8;
+    if (near(30000.0 / 1001)) return nonDrop ? 2 : 4;
+    if (near(30)) return 2;
+    if (near(50)) return 16;
+    if (near(60000.0 / 1001)) return nonDrop ? 64 : 32;
+    if (near(60)) return 64;
+    throw Error("--rate: no timecode for " + text + " frames per second");
+}
+
+uint32_t parseStart(std::string text, uint32_t type) {
+    // Drop-frame counts take ';' (',' for the second frame of a pair) before
+    // the frames; accept ':' and '.' there as well.
+    const bool drop = type == 4 || type == 32;
+    size_t last = text.find_last_of(":;.,");
+    if (drop && last != std::string::npos) text[last] = text[last] == '.' || text[last] == ',' ? ',' : ';';
+    uint32_t frames = 0;
+    if (TimecodeTextParse(text.c_str(), type | 0x100, &frames) != TCT_OK)
+        throw Error("--start: '" + text + "' is not a timecode at this rate");
+    return frames;
+}
+
+void runTimecode(const TimecodeOptions& o) {
+    const uint32_t type = timecodeType(o.rate, o.nonDrop);
+    const uint32_t first = parseStart(o.start, type);
+    std::vector<uint8_t> data = readFile(o.in);
+    if (data.empty()) throw Error(o.in + ": empty file");
+    if (resolveCodec(data, "", o.in) != VideoCodec::kHevc) throw Error(o.in + ": time codes go into HEVC streams only");
+    const std::vector<AccessUnit> units = splitAccessUnits(data, VideoCodec::kHevc);
+
+    std::vector<uint8_t> out, buffer;
+    out.reserve(data.size() + units.size() * 24);
+    size_t stamped = 0;
+    for (size_t i = 0; i < units.size(); ++i) {
+        const AccessUnit& au = units[i];
+        buffer.assign(data.begin() + au.offset, data.begin() + au.offset + au.size);
+        buffer.resize(au.size + 64);  // a time code SEI is at most a few tens of bytes
+        DFrame frame{};
+        frame.frameData = buffer.data();
+        frame.frameCapacity = static_cast<uint32_t>(buffer.size());
+        frame.frameSize = au.size;
+        frame.frameTimecode = first + static_cast<uint32_t>(i);
+        qnvutilAddHEVCTimeCode(&frame, type);
+        stamped += frame.frameSize != au.size ? 1 : 0;
+        out.insert(out.end(), frame.frameData, frame.frameData + frame.frameSize);
+    }
+    writeFile(o.out, out);
+    char text[TCT_TEXT_SIZE];
+    TimecodeTextFormat(first, type, text);
+    std::printf("%zu access units, %zu time codes from %s\n", units.size(), stamped, text);
+}
+
+const Registration kTimecode([](CLI::App& app) {
+    auto o = std::make_shared<TimecodeOptions>();
+    CLI::App* sub = app.add_subcommand("timecode", "Stamp an HEVC time code SEI on every access unit, counting up");
+    sub->add_option("IN", o->in, "HEVC elementary stream")->required();
+    sub->add_option("OUT", o->out, "output stream")->required();
+    sub->add_option("--start", o->start, "timecode of the first access unit, HH:MM:SS:FF")->required();
+    sub->add_option("--rate", o->rate, "frame rate: 24000/1001, 24, 25, 30000/1001, 30, 50, 60000/1001, 60")
+        ->required();
+    sub->add_flag("--ndf", o->nonDrop, "count 29.97 and 59.94 without dropped frames");
+    sub->callback([o] { runTimecode(*o); });
+});
+
+}  // namespace
+}  // namespace qnvtool
