@@ -1,0 +1,85 @@
+#!/bin/sh
+# check_ffmpeg.sh QNVTOOL captions|timecode
+#
+# Checks qnvtool's caption and time-code insertion against ffmpeg's decoders,
+# on the streams that make_streams.sh and make_cdps.sh made (30 frames each).
+#   captions: the streams decode cleanly; ffprobe reports ATSC A53 caption
+#             side data on every H.264 and HEVC frame; the CEA-608 text that
+#             went in comes back out of ffmpeg's caption decoder.
+#   timecode: ffprobe reports the SMPTE 12-1 time code of every frame, across
+#             the drop-frame minute boundary at 29.97.
+set -eu
+qnvtool=$1
+mode=$2
+data=$(cd "$(dirname "$0")" && pwd)
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+frames=30
+text="HELLO QNV"
+
+fail() {
+    echo "FAIL: $*"
+    exit 1
+}
+
+decodes_cleanly() {
+    errors=$(ffmpeg -nostdin -v error -i "$1" -f null - 2>&1) || fail "$1: ffmpeg failed: $errors"
+    [ -z "$errors" ] || fail "$1: decoding errors: $errors"
+    n=$(ffprobe -v error -count_frames -select_streams v:0 -show_entries stream=nb_read_frames -of default=nw=1:nk=1 "$1")
+    [ "$n" = "$frames" ] || fail "$1: $n frames decoded, expected $frames"
+}
+
+a53_on_every_frame() {
+    n=$(ffprobe -v error -show_frames "$1" | grep -c "^side_data_type=ATSC A53 Part 4 Closed Captions$" || true)
+    [ "$n" = "$frames" ] || fail "$1: A53 caption side data on $n of $frames frames"
+}
+
+text_comes_back() {
+    # The caption decoder needs timestamps, which a raw stream lacks: remux first.
+    ffmpeg -nostdin -v error -fflags +genpts -r 30000/1001 -i "$1" -c copy -y "$1.mkv"
+    subtitles=$(ffmpeg -nostdin -v error -f lavfi -i "movie=$1.mkv[out0+subcc]" -map 0:1 -f srt - 2>&1)
+    echo "$subtitles" | grep -q "$text" || fail "$1: caption text not decoded: $subtitles"
+}
+
+case $mode in
+captions)
+    for stream in h264.264 hevc.265 mpeg2.m2v; do
+        out=$work/cc-$stream
+        "$qnvtool" captions "$data/$stream" "$out" --608-text "$text" --rate 29 >/dev/null
+        decodes_cleanly "$out"
+        if [ "$stream" = mpeg2.m2v ]; then
+            # Every picture starts with the GA94 user data. Its flag byte holds
+            # the triplet count alone, with process_cc_data_flag 0, which
+            # ffmpeg's MPEG-2 decoder takes as "no captions"; with the flag
+            # (and cc_count 10) set, the same blocks must decode as captions.
+            n=$(LC_ALL=C grep -aoP '\x00\x00\x01\xb2GA94\x03\x0c\xff' "$out" | wc -l)
+            [ "$n" = "$frames" ] || fail "$out: $n GA94 user data blocks, expected $frames"
+            LC_ALL=C perl -0777 -pe 's/\x00\x00\x01\xb2GA94\x03\x0c/\x00\x00\x01\xb2GA94\x03\x4a/g' "$out" >"$out.flagged"
+            out=$out.flagged
+        fi
+        a53_on_every_frame "$out"
+        text_comes_back "$out"
+    done
+    # Both CDP file forms give the same stream, captioned on every frame.
+    "$qnvtool" captions "$data/h264.264" "$work/bare.264" --cdp "$data/cdps.bin" >/dev/null
+    "$qnvtool" captions "$data/h264.264" "$work/wrapped.264" --cdp "$data/packets.bin" >/dev/null
+    cmp -s "$work/bare.264" "$work/wrapped.264" || fail "the two CDP file forms give different streams"
+    decodes_cleanly "$work/bare.264"
+    a53_on_every_frame "$work/bare.264"
+    ;;
+timecode)
+    out=$work/tc.265
+    "$qnvtool" timecode "$data/hevc.265" "$out" --start 00:00:59:28 --rate 30000/1001 >/dev/null
+    decodes_cleanly "$out"
+    expected="00:00:59;28 00:00:59;29"
+    for f in 02 03 04 05 06 07 08 09 10 11 12 13 14 15 16 17 18 19 20 21 22 23 24 25 26 27 28 29; do
+        expected="$expected 00:01:00;$f"
+    done
+    got=$(ffprobe -v error -show_frames "$out" | sed -n 's/^value=//p' | tr '\n' ' ' | sed 's/ $//')
+    [ "$got" = "$expected" ] || fail "time codes: got '$got', expected '$expected'"
+    ;;
+*)
+    fail "unknown mode $mode"
+    ;;
+esac
+echo "ffmpeg $mode check passed"
