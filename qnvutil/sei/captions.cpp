@@ -102,6 +102,27 @@ uint32_t hevcCaptionLimit(uint32_t frameRate) {
     }
 }
 
+// find_nal_unit over p[0, remaining) that reads no further than the first
+// kScanWindow bytes when they settle the unit's start and header: the walk
+// stops at the first slice, and a slice often fills the rest of the frame.
+// *endKnown turns false when *end is only the window's end; the caller then
+// repeats the search over the whole remainder when it needs the real end.
+constexpr uint32_t kScanWindow = 4096;
+int32_t findUnitStart(const uint8_t* p, uint32_t remaining, int32_t* start, int32_t* end, bool* endKnown) {
+    *endKnown = true;
+    if (remaining <= kScanWindow) return find_nal_unit(p, remaining, start, end);
+    int32_t length = find_nal_unit(p, kScanWindow, start, end);
+    if (length == 0 && *end == 0) return find_nal_unit(p, remaining, start, end);  // no start code in the window
+    if (uint32_t(*end) < kScanWindow) return length;                            // a zero pair inside the window
+    // The unit runs at least to kScanWindow - 2; with two bytes of header
+    // before that, the header is read exactly.
+    if (uint32_t(*start) + 4 <= kScanWindow) {
+        *endKnown = false;
+        return length;
+    }
+    return find_nal_unit(p, remaining, start, end);
+}
+
 bool isVcl(int32_t type) { return (type >= 0 && type <= 9) || (type >= 16 && type <= 21); }
 
 // Builds the HEVC caption SEI NAL unit (start code included) into `out`;
@@ -222,26 +243,33 @@ uint32_t qnvUtilAddHevcCaptions(DFrame* frame, uint32_t frameRate) {
     // guard: a frame record claiming more bytes than its buffer holds is not read
     if (f.frameData == nullptr || f.frameSize > f.frameCapacity) return 0;
 
+    // The room does not depend on the place: without it the walk would end
+    // with nothing inserted.
+    if (uint64_t(f.frameSize) + length >= f.frameCapacity) return 0;
+
     const uint8_t* data = f.frameData;
     const uint32_t size = f.frameSize;
     h264_stream_t walk{};
     uint32_t offset = 0;
     while (offset < size) {
+        const uint8_t* p = data + offset;
+        const uint32_t remaining = size - offset;
         int32_t start = 0, end = 0;
-        const int32_t unitLength = find_nal_unit(data + offset, size - offset, &start, &end);
+        bool endKnown = true;
+        int32_t unitLength = findUnitStart(p, remaining, &start, &end, &endKnown);
         if (unitLength == 0 && end == 0) break;  // no further start code
-        read_nal_unit(&walk, data + offset + start, static_cast<uint32_t>(end - start));
+        read_nal_unit(&walk, p + start, static_cast<uint32_t>(end - start));
         if (isVcl(walk.nal.nal_unit_type)) {
-            const uint8_t* p = data + offset;
-            const uint32_t prefix = size - offset >= 3 && p[0] == 0 && p[1] == 0 && p[2] == 1 ? 3 : 4;
+            const uint32_t prefix = remaining >= 3 && p[0] == 0 && p[1] == 0 && p[2] == 1 ? 3 : 4;
             const int64_t pos = int64_t(offset) + start - prefix;
             // guard: a unit without a start code in front of it (the short
             // remainder of a frame) is no place for the SEI
-            if (pos >= 0 && uint64_t(size) + length < f.frameCapacity) {
+            if (pos >= 0) {
                 insertAt(f, static_cast<uint32_t>(pos), length, sei, length);
                 return length;
             }
         }
+        if (!endKnown) unitLength = find_nal_unit(p, remaining, &start, &end);
         offset += unitLength == 0 ? 1u : static_cast<uint32_t>(end);
     }
     return 0;

@@ -1,4 +1,7 @@
 // Caption packet validation and the H.264, MPEG-2 and HEVC caption insertions.
+#include <random>
+
+#include "foundation/nalscan/nalscan.h"
 #include "qnvutil/sei/caption_packet.h"
 #include "tests/qnvutil/sei/sei_test_util.h"
 
@@ -215,4 +218,52 @@ TEST_F(HevcCaptions, NothingIsInsertedWithoutRoomSliceOrValidPacket) {
     EXPECT_EQ(qnvUtilAddHevcCaptions(&f, 30), 0u);
     f.frameSize = uint32_t(frame.size());
     EXPECT_EQ(qnvUtilAddHevcCaptions(&f, 30), length);
+}
+
+// The plain walk: every unit searched over the whole rest of the frame.
+int64_t plainWalkPlace(const Bytes& f) {
+    qnv::h264_stream_t h{};
+    const uint32_t size = uint32_t(f.size());
+    for (uint32_t off = 0; off < size;) {
+        int32_t s = 0, e = 0;
+        int32_t n = qnv::find_nal_unit(f.data() + off, size - off, &s, &e);
+        if (n == 0 && e == 0) break;
+        qnv::read_nal_unit(&h, f.data() + off + s, uint32_t(e - s));
+        int32_t t = h.nal.nal_unit_type;
+        if (t <= 9 || (t >= 16 && t <= 21)) {
+            int64_t pos = int64_t(off) + s - (f[off] == 0 && f[off + 1] == 0 && f[off + 2] == 1 ? 3 : 4);
+            if (pos >= 0) return pos;
+        }
+        off += n == 0 ? 1 : uint32_t(e);
+    }
+    return -1;
+}
+
+TEST_F(HevcCaptions, FindsThePlaceOfThePlainWalkAroundItsScanWindow) {
+    std::mt19937 rng(11);
+    const Bytes p = packet(3);
+    const uint8_t types[] = {32, 33, 34, 35, 39, 40, 1, 19, 21, 48};
+    for (int round = 0; round < 2000; ++round) {
+        Bytes frame;
+        for (int units = 1 + rng() % 6; units > 0; --units) {
+            if (rng() % 2) frame.push_back(0);
+            frame.insert(frame.end(), {0, 0, 1});
+            const uint8_t type = rng() % 3 ? types[rng() % 6] : types[rng() % 10];
+            frame.insert(frame.end(), {uint8_t(type << 1), 1});
+            // Often a unit that ends within a few bytes of the scan window.
+            for (size_t n = rng() % 3 ? 4080 + rng() % 24 : rng() % 300; n > 0; --n)
+                frame.push_back(rng() % 8 ? 0x40 : 0);
+        }
+        Bytes buffer(frame.size() + 100);
+        DFrame f = frameOver(buffer, frame);
+        setCaption(f, p);
+        const uint32_t added = qnvUtilAddHevcCaptions(&f, 30);
+        const int64_t place = plainWalkPlace(frame);
+        ASSERT_EQ(added == 0, place < 0) << round;
+        if (place < 0) continue;
+        f.frameSize += added;
+        const Bytes got = contents(f);
+        ASSERT_EQ(Bytes(got.begin(), got.begin() + place), Bytes(frame.begin(), frame.begin() + place)) << round;
+        ASSERT_EQ(Bytes(got.begin() + place + added, got.end()), Bytes(frame.begin() + place, frame.end())) << round;
+    }
 }
