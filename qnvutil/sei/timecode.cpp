@@ -1,4 +1,5 @@
 // HEVC time_code SEI (payloadType 136) carrying a frame's timecode.
+#include <cstring>
 #include <initializer_list>
 
 #include "foundation/bitio/bitio.h"
@@ -26,8 +27,16 @@ bool isPrefixSei(const uint8_t* p) { return p[0] == 0 && p[1] == 0 && p[2] == 0 
 constexpr uint32_t kAlreadyThere = 0xFFFFFFFFu;
 uint32_t findPlace(const uint8_t* data, uint32_t size) {
     const uint32_t limit = size < kSearchWindow ? size : kSearchWindow;
-    for (uint32_t i = 0; i + 5 <= limit; ++i) {
-        if (!isPrefixSei(data + i)) continue;
+    // Each 00 00 00 01 4E has its 01 at offset 3: look for the 01 bytes.
+    for (uint32_t one = 3; one + 2 <= limit;) {
+        const void* hit = std::memchr(data + one, 0x01, limit - 1 - one);
+        if (hit == nullptr) break;
+        one = static_cast<uint32_t>(static_cast<const uint8_t*>(hit) - data);
+        const uint32_t i = one - 3;
+        if (!isPrefixSei(data + i)) {
+            ++one;
+            continue;
+        }
         // guard: an SEI cut off before its payloadType byte is taken as another SEI
         if (uint64_t(i) + 6 < size && data[i + 6] == kTimeCodePayload) return kAlreadyThere;
         if (i != 0) return i;

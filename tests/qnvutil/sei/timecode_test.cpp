@@ -80,16 +80,23 @@ TEST_F(HevcTimeCode, PlaceFollowsTheFirstPrefixSeiOrTheDelimiter) {
     qnvutilAddHEVCTimeCode(&f, 4);
     EXPECT_EQ(contents(f), cat({kAud, sei, kSlice}));
 
-    const Bytes stamped = cat({kAud, sei, kSlice});
-    f = frameOver(buffer, stamped);
-    qnvutilAddHEVCTimeCode(&f, 4);  // already carries a time code
-    EXPECT_EQ(contents(f), stamped);
+    for (const Bytes& stamped : {cat({kAud, sei, kSlice}), cat({sei, kSlice})}) {
+        f = frameOver(buffer, stamped);
+        qnvutilAddHEVCTimeCode(&f, 4);  // already carries a time code
+        EXPECT_EQ(contents(f), stamped);
+    }
 
     const Bytes cut = {0, 0, 0, 1, 0x46};  // shorter than the delimiter: SEI at its end
     f = frameOver(buffer, cut);
     f.frameTimecode = count("00:00:01;02", 4);
     qnvutilAddHEVCTimeCode(&f, 4);
     EXPECT_EQ(contents(f), cat({cut, sei}));
+
+    const Bytes seiHeaderOnly = {0, 0, 0, 1, 0x4E};  // ends before its payloadType
+    f = frameOver(buffer, cat({kVps, seiHeaderOnly}));
+    f.frameTimecode = count("00:00:01;02", 4);
+    qnvutilAddHEVCTimeCode(&f, 4);
+    EXPECT_EQ(contents(f), cat({kVps, sei, seiHeaderOnly}));
     EXPECT_TRUE(log.empty());
 }
 
