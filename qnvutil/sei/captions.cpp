@@ -240,12 +240,10 @@ uint32_t qnvUtilAddHevcCaptions(DFrame* frame, uint32_t frameRate) {
     uint8_t sei[512];
     const uint32_t length = buildHevcCaptionSei(f, frameRate, sei, sizeof sei);
     if (length == 0 || length > sizeof sei || f.frameSize == 0) return 0;
-    // guard: a frame record claiming more bytes than its buffer holds is not read
-    if (f.frameData == nullptr || f.frameSize > f.frameCapacity) return 0;
-
     // The room does not depend on the place: without it the walk would end
-    // with nothing inserted.
-    if (uint64_t(f.frameSize) + length >= f.frameCapacity) return 0;
+    // with nothing inserted. (guard: this also keeps a record whose frameSize
+    // exceeds its buffer from being read)
+    if (f.frameData == nullptr || uint64_t(f.frameSize) + length >= f.frameCapacity) return 0;
 
     const uint8_t* data = f.frameData;
     const uint32_t size = f.frameSize;
