@@ -4,12 +4,12 @@
 #include <cstring>
 #include <initializer_list>
 
-#include "foundation/bitio/bitio.h"
 #include "foundation/nalscan/nalscan.h"
 #include "qnvutil/qxutil.h"
 #include "qnvutil/sei.h"
 #include "qnvutil/sei/caption_packet.h"
 #include "qnvutil/sei/frame_insert.h"
+#include "qnvutil/sei/hevc_sei.h"
 
 namespace qnv {
 
@@ -136,9 +136,7 @@ uint32_t buildHevcCaptionSei(const DFrame& frame, uint32_t frameRate, uint8_t* o
     }
     uint8_t rbsp[1024];
     BitBuffer w = bitWriter(rbsp, sizeof rbsp);
-    // Start code placeholder, PREFIX_SEI_NUT (layer 0, temporal id 0),
-    // payloadType 4, payloadSize (set by EmitNalUnit).
-    for (uint8_t b : {0x00, 0x00, 0x00, 0x01, 0x4E, 0x01, 0x04, 0x00}) WriteBits(&w, 8, b);
+    beginHevcSei(&w, 4);  // user_data_registered_itu_t_t35
     for (uint8_t b : kAtscUserData) WriteBits(&w, 8, b);
     WriteBits(&w, 8, 0xCA);  // process_cc_data_flag, cc_count 10
     WriteBits(&w, 8, 0xFF);  // em_data
@@ -147,9 +145,7 @@ uint32_t buildHevcCaptionSei(const DFrame& frame, uint32_t frameRate, uint8_t* o
     for (uint32_t i = 0; i < count; ++i) WriteBits(&w, 8, frame.captionPacket[kCaptionDataOffset + i]);
     WriteBits(&w, 8, 0xFF);  // marker_bits
     WriteBits(&w, 8, 0x80);
-    BitBuffer o = bitWriter(out, outSize);
-    EmitNalUnit(&w, &o, 7, 0);
-    return o.bitPos / 8;
+    return closeHevcSei(&w, out, outSize);
 }
 
 }  // namespace

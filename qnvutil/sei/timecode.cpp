@@ -1,12 +1,11 @@
 // HEVC time_code SEI (payloadType 136) carrying a frame's timecode.
 #include <cstring>
-#include <initializer_list>
 
-#include "foundation/bitio/bitio.h"
 #include "qnvutil/qnvvidutil.h"
 #include "qnvutil/qxutil.h"
 #include "qnvutil/sei.h"
 #include "qnvutil/sei/frame_insert.h"
+#include "qnvutil/sei/hevc_sei.h"
 #include "qnvutil/timecodetext.h"
 
 namespace qnv {
@@ -58,9 +57,7 @@ uint32_t buildTimeCodeSei(uint32_t frameCount, uint32_t tcType, uint8_t* out, ui
 
     uint8_t rbsp[64];
     BitBuffer w = bitWriter(rbsp, sizeof rbsp);
-    // Start code placeholder, PREFIX_SEI_NUT (layer 0, temporal id 0),
-    // payloadType 136, payloadSize (set by EmitNalUnit).
-    for (uint8_t b : {0x00, 0x00, 0x00, 0x01, 0x4E, 0x01, 0x88, 0x00}) WriteBits(&w, 8, b);
+    beginHevcSei(&w, kTimeCodePayload);
     WriteBits(&w, 2, 1);        // num_clock_ts
     WriteBits(&w, 1, 1);        // clock_timestamp_flag
     WriteBits(&w, 1, 0);        // units_field_based_flag
@@ -73,9 +70,7 @@ uint32_t buildTimeCodeSei(uint32_t frameCount, uint32_t tcType, uint8_t* out, ui
     WriteBits(&w, 6, field(1)); // minutes_value
     WriteBits(&w, 5, field(0)); // hours_value
     WriteBits(&w, 5, 0);        // time_offset_length
-    BitBuffer o = bitWriter(out, outSize);
-    EmitNalUnit(&w, &o, 7, 0);
-    return o.bitPos / 8;
+    return closeHevcSei(&w, out, outSize);
 }
 
 }  // namespace
