@@ -11,8 +11,10 @@
 
 #include "qnvutil/sei.h"
 #include "qnvutil/timecodetext.h"
+#include "qnvutil/vidformat.h"
 #include "tools/qnvtool/access_units.h"
 #include "tools/qnvtool/tool.h"
+#include "vidformat/ratetext.h"
 
 namespace qnvtool {
 namespace {
@@ -22,34 +24,37 @@ struct TimecodeOptions {
     bool nonDrop = false;
 };
 
-// Timecode type of a frame rate given as "N", "N/D" or a decimal.
-uint32_t timecodeType(const std::string& text, bool nonDrop) {
-    double num = 0, den = 1;
-    char extra = 0;
-    if (std::sscanf(text.c_str(), "%lf/%lf%c", &num, &den, &extra) == 2) {
-        // a rational
-    } else if (std::sscanf(text.c_str(), "%lf%c", &num, &extra) == 1) {
-        den = 1;
-    } else {
-        throw Error("--rate: '" + text + "' is not a frame rate");
+double countingRate(uint32_t type) {
+    switch (type) {
+        case VID_TC_23976: return 24000.0 / 1001;
+        case VID_TC_24: return 24;
+        case VID_TC_25: return 25;
+        case VID_TC_2997: return 30000.0 / 1001;
+        case VID_TC_50: return 50;
+        case VID_TC_5994: return 60000.0 / 1001;
+        case VID_TC_60: return 60;
+        default: return 30;
     }
-    const double fps = den > 0 ? num / den : 0;
-    auto near = [&](double v) { return std::fabs(fps - v) < 0.005; };
-    if (near(24000.0 / 1001)) return 128;
-    if (near(24)) return 1;
-    if (near(25)) return 8;
-    if (near(30000.0 / 1001)) return nonDrop ? 2 : 4;
-    if (near(30)) return 2;
-    if (near(50)) return 16;
-    if (near(60000.0 / 1001)) return nonDrop ? 64 : 32;
-    if (near(60)) return 64;
-    throw Error("--rate: no timecode for " + text + " frames per second");
+}
+
+// Timecode type of a frame rate given as "30000/1001", "25" or "29.97". Only
+// the rates a time code counts at are taken: the type of any other rate
+// would count it as one of those.
+uint32_t timecodeType(const std::string& text, bool nonDrop) {
+    uint32_t rate = 0, scale = 0;
+    if (!qnv::RateFromText(text.c_str(), &rate, &scale)) throw Error("--rate: '" + text + "' is not a frame rate");
+    const double fps = vidFramesPerSecD(VID_NO_FORMAT, rate, scale);
+    const uint32_t type = vidGetTCType(fps);
+    if (std::fabs(fps - countingRate(type)) > 0.01) throw Error("--rate: no timecode counts at " + text + " frames per second");
+    if (nonDrop && type == VID_TC_2997) return VID_TC_30;
+    if (nonDrop && type == VID_TC_5994) return VID_TC_60;
+    return type;
 }
 
 uint32_t parseStart(std::string text, uint32_t type) {
     // Drop-frame counts take ';' (',' for the second frame of a pair) before
     // the frames; accept ':' and '.' there as well.
-    const bool drop = type == 4 || type == 32;
+    const bool drop = type == VID_TC_2997 || type == VID_TC_5994;
     size_t last = text.find_last_of(":;.,");
     if (drop && last != std::string::npos) text[last] = text[last] == '.' || text[last] == ',' ? ',' : ';';
     uint32_t frames = 0;
@@ -94,7 +99,7 @@ const Registration kTimecode([](CLI::App& app) {
     sub->add_option("IN", o->in, "HEVC elementary stream")->required();
     sub->add_option("OUT", o->out, "output stream")->required();
     sub->add_option("--start", o->start, "timecode of the first access unit, HH:MM:SS:FF")->required();
-    sub->add_option("--rate", o->rate, "frame rate: 24000/1001, 24, 25, 30000/1001, 30, 50, 60000/1001, 60")
+    sub->add_option("--rate", o->rate, "frame rate: 24000/1001 (23.976), 24, 25, 30000/1001 (29.97), 30, 50, 60000/1001, 60")
         ->required();
     sub->add_flag("--ndf", o->nonDrop, "count 29.97 and 59.94 without dropped frames");
     sub->callback([o] { runTimecode(*o); });
