@@ -20,7 +20,9 @@
 #include <cstdio>
 #include <cstring>
 
+#include "qnvutil/qxutil.h"
 #include "qnvutil/sei.h"
+#include "qnvutil/sei/caption_packet.h"
 #include "tools/qnvtool/access_units.h"
 #include "tools/qnvtool/annexb.h"
 #include "tools/qnvtool/tool.h"
@@ -168,6 +170,34 @@ void appendAnnexB(const uint8_t* frame, uint32_t size, std::vector<uint8_t>& out
 
 // ---- The command ------------------------------------------------------------
 
+// Collects the library's diagnostics while a stream is processed, so that a
+// failure stays one line and a warning repeated for every access unit is
+// reported once.
+class LibraryLog {
+public:
+    LibraryLog() { QxSetLogSink(&LibraryLog::collect, this); }
+    ~LibraryLog() { QxSetLogSink(nullptr, nullptr); }
+    LibraryLog(const LibraryLog&) = delete;
+    LibraryLog& operator=(const LibraryLog&) = delete;
+
+    std::string last() const { return lines_.empty() ? std::string() : lines_.back().first; }
+    void reportWarnings() const {
+        for (const auto& [line, count] : lines_) std::fprintf(stderr, "qnvtool: warning: %s (%zu times)\n", line.c_str(), count);
+    }
+
+private:
+    static void collect(uint32_t, const char* line, void* context) {
+        auto& lines = static_cast<LibraryLog*>(context)->lines_;
+        for (auto& entry : lines)
+            if (entry.first == line) {
+                ++entry.second;
+                return;
+            }
+        lines.emplace_back(line, 1);
+    }
+    std::vector<std::pair<std::string, size_t>> lines_;
+};
+
 void runCaptions(const CaptionsOptions& o) {
     std::vector<uint8_t> data = readFile(o.in);
     if (data.empty()) throw Error(o.in + ": empty file");
@@ -180,6 +210,12 @@ void runCaptions(const CaptionsOptions& o) {
     std::vector<uint8_t> out, buffer;
     out.reserve(data.size() + units.size() * 80);
     size_t captioned = 0;
+    LibraryLog log;
+    for (size_t i = 0; i < packets.size(); ++i) {
+        if (qnv::validateCaptionPacket(packets[i].data(), static_cast<uint32_t>(packets[i].size())) == 0) continue;
+        const std::string reason = log.last();
+        throw Error("caption packet " + std::to_string(i) + " is invalid" + (reason.empty() ? "" : ": " + reason));
+    }
     for (size_t i = 0; i < units.size(); ++i) {
         const AccessUnit& au = units[i];
         const Packet& packet = packets[i % packets.size()];
@@ -202,7 +238,6 @@ void runCaptions(const CaptionsOptions& o) {
         switch (codec) {
             case VideoCodec::kH264: {
                 int32_t r = qnvutilAddAVCCaptions(&frame, packet.data(), frame.captionSize, 1);
-                if (r == QNV_SEI_BAD_PACKET) throw Error("caption packet " + std::to_string(i % packets.size()) + " is invalid");
                 inserted = r == QNV_SEI_OK;
                 appendAnnexB(frame.frameData, frame.frameSize, out);
                 break;
@@ -216,7 +251,6 @@ void runCaptions(const CaptionsOptions& o) {
             }
             case VideoCodec::kMpeg2: {
                 int32_t r = qnvutilAddMPEG2Captions(&frame);
-                if (r == QNV_SEI_BAD_PACKET) throw Error("caption packet " + std::to_string(i % packets.size()) + " is invalid");
                 inserted = r == QNV_SEI_OK;
                 out.insert(out.end(), frame.frameData, frame.frameData + frame.frameSize);
                 break;
@@ -225,6 +259,7 @@ void runCaptions(const CaptionsOptions& o) {
         captioned += inserted ? 1 : 0;
     }
     writeFile(o.out, out);
+    log.reportWarnings();
     std::printf("%zu access units, %zu with captions, %s\n", units.size(), captioned, videoCodecName(codec));
 }
 
