@@ -182,7 +182,8 @@ public:
 
     std::string last() const { return lines_.empty() ? std::string() : lines_.back().first; }
     void reportWarnings() const {
-        for (const auto& [line, count] : lines_) std::fprintf(stderr, "qnvtool: warning: %s (%zu times)\n", line.c_str(), count);
+        for (const auto& [line, count] : lines_)
+            std::fprintf(stderr, "qnvtool: warning: %s (%zu times)\n", line.c_str(), count);
     }
 
 private:
@@ -219,14 +220,13 @@ void runCaptions(const CaptionsOptions& o) {
     for (size_t i = 0; i < units.size(); ++i) {
         const AccessUnit& au = units[i];
         const Packet& packet = packets[i % packets.size()];
-        if (packet.size() > DFRAME_CAPTION_PACKET_SIZE) throw Error("caption packet larger than 512 bytes");
         buffer.clear();
         if (codec == VideoCodec::kH264)
             appendLengthPrefixed(data, au, buffer);
         else
             buffer.assign(data.begin() + au.offset, data.begin() + au.offset + au.size);
         const uint32_t size = static_cast<uint32_t>(buffer.size());
-        buffer.resize(size + 2 * DFRAME_CAPTION_PACKET_SIZE + 300);  // room the insertions demand
+        buffer.resize(size + packet.size() + 320);  // the room the insertions demand
 
         DFrame frame{};
         frame.frameData = buffer.data();

@@ -45,7 +45,8 @@ uint32_t timecodeType(const std::string& text, bool nonDrop) {
     if (!qnv::RateFromText(text.c_str(), &rate, &scale)) throw Error("--rate: '" + text + "' is not a frame rate");
     const double fps = vidFramesPerSecD(VID_NO_FORMAT, rate, scale);
     const uint32_t type = vidGetTCType(fps);
-    if (std::fabs(fps - countingRate(type)) > 0.01) throw Error("--rate: no timecode counts at " + text + " frames per second");
+    if (std::fabs(fps - countingRate(type)) > 0.01)
+        throw Error("--rate: no timecode counts at " + text + " frames per second");
     if (nonDrop && type == VID_TC_2997) return VID_TC_30;
     if (nonDrop && type == VID_TC_5994) return VID_TC_60;
     return type;
@@ -99,7 +100,8 @@ const Registration kTimecode([](CLI::App& app) {
     sub->add_option("IN", o->in, "HEVC elementary stream")->required();
     sub->add_option("OUT", o->out, "output stream")->required();
     sub->add_option("--start", o->start, "timecode of the first access unit, HH:MM:SS:FF")->required();
-    sub->add_option("--rate", o->rate, "frame rate: 24000/1001 (23.976), 24, 25, 30000/1001 (29.97), 30, 50, 60000/1001, 60")
+    sub->add_option("--rate", o->rate,
+                    "frame rate: 24000/1001 (23.976), 24, 25, 30000/1001 (29.97), 30, 50, 60000/1001, 60")
         ->required();
     sub->add_flag("--ndf", o->nonDrop, "count 29.97 and 59.94 without dropped frames");
     sub->callback([o] { runTimecode(*o); });
