@@ -49,8 +49,9 @@ Bytes lengthPrefixed(std::initializer_list<Bytes> units, size_t total) {
     return f;
 }
 
-const Bytes kAvcHeaders = {0, 0, 0, 1, 0x09, 0x10, 0,    0,    0,    1,    0x67,
-                           0x42, 0x00, 0x1E, 0, 0, 0, 1, 0x68, 0xCE, 0x38, 0x80};
+const Bytes kAvcHeaders = {0, 0, 0, 1, 0x09, 0x10,                   // access unit delimiter
+                           0, 0, 0, 1, 0x67, 0x42, 0x00, 0x1E,       // SPS
+                           0, 0, 0, 1, 0x68, 0xCE, 0x38, 0x80};      // PPS
 const Bytes kHevcHeaders = {0, 0, 0, 1, 0x40, 0x01, 0x0C, 0x01, 0, 0, 0, 1, 0x42, 0x01, 0x01, 0x01,
                             0, 0, 0, 1, 0x44, 0x01, 0xC1, 0x72};
 
