@@ -37,7 +37,7 @@ void logNoRoom() { ErrOut("No Allocation for CC Data"); }
 
 // Annex B: the first start code after both an SPS and a PPS were seen.
 uint32_t findAnnexBPosition(const uint8_t* data, uint32_t size) {
-    // Bytes past the frame read as -1 (guard: the scan never reads past frameSize).
+    // guard: the scan never reads past frameSize; bytes beyond it read as -1
     auto at = [&](uint64_t i) { return i < size ? int(data[i]) : -1; };
     bool sps = false, pps = false;
     for (uint32_t i = 0; i < kAvcSearchWindow && i < size;) {
@@ -236,9 +236,9 @@ uint32_t qnvUtilAddHevcCaptions(DFrame* frame, uint32_t frameRate) {
     uint8_t sei[512];
     const uint32_t length = buildHevcCaptionSei(f, frameRate, sei, sizeof sei);
     if (length == 0 || length > sizeof sei || f.frameSize == 0) return 0;
-    // The room does not depend on the place: without it the walk would end
-    // with nothing inserted. (guard: this also keeps a record whose frameSize
-    // exceeds its buffer from being read)
+    // guard: a record whose frameSize exceeds its buffer is not read. The room
+    // does not depend on the place: without it the walk would end with
+    // nothing inserted.
     if (f.frameData == nullptr || uint64_t(f.frameSize) + length >= f.frameCapacity) return 0;
 
     const uint8_t* data = f.frameData;
