@@ -44,4 +44,8 @@ expect_error "$tool" probe --kind aac "$work/text"
 expect_error "$tool" probe --kind h264 "$work/noise"
 expect_error "$tool" project show "$work/missing"
 expect_error "$tool" project show "$work/text"
+expect_error "$tool" captions "$sample" "$work/out.265" --cdp "$work/text" --codec hevc
+expect_error "$tool" captions "$sample" "$work/out.265" --cdp "$work/missing"
+expect_error "$tool" timecode "$work/text" "$work/out.265" --start 01:00:00:00 --rate 25
+expect_error "$tool" timecode "$sample" "$work/out.265" --start 25:61:00:00 --rate 25
 exit $fail
