@@ -1,0 +1,229 @@
+// MediaCmd record helpers: init/copy/fix, name tables, channel masks, speeds.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <set>
+#include <string>
+
+#include "mediacmd/names.h"
+#include "mediacmd/record.h"
+#include "qnvutil/mediacmd.h"
+
+namespace {
+MediaCmd fresh(uint32_t command) {
+    MediaCmd c;
+    std::memset(&c, 0xAB, sizeof c);
+    initMediaCmd(&c, command);
+    return c;
+}
+}  // namespace
+
+TEST(MediaCmdRecord, InitSetsEveryFieldAndClearsTheRest) {
+    MediaCmd c = fresh(ctPlay);
+    EXPECT_EQ(c.prev, nullptr);
+    EXPECT_EQ(c.CmdID, 0xFA250200u);
+    EXPECT_EQ(c.StructSize, 4188u);
+    EXPECT_EQ(c.Channel, 0xFFFFFFFFu);
+    EXPECT_EQ(c.Cmd, ctPlay);
+    EXPECT_EQ(c.Flags, 0u);
+    EXPECT_EQ(c.Speed, 0x7FFFFFFF);
+    for (int32_t v : {int32_t(c.VideoChannels), int32_t(c.AudioChannels), int32_t(c.InfoChannels), c.CmdAlt,
+                      c.Position, c.Start, c.End})
+        EXPECT_EQ(v, -1);
+    const auto* bytes = reinterpret_cast<const uint8_t*>(&c);
+    for (size_t i = 76; i < sizeof c; ++i) ASSERT_EQ(bytes[i], 0) << i;
+    initMediaCmd(nullptr, 0);  // ignored
+}
+
+TEST(MediaCmdRecord, FixFillsImpliedSpeedsAndMasks) {
+    MediaCmd c = fresh(ctPlay);
+    EXPECT_EQ(fixMediaCmd(&c, 0), cfUseSpeed);
+    EXPECT_EQ(c.Speed, 65520);
+    c = fresh(ctStop);
+    EXPECT_EQ(fixMediaCmd(&c, 0), cfUseSpeed);
+    EXPECT_EQ(c.Speed, 0);
+    c = fresh(ctTransfer);
+    c.VideoChannels = 3;
+    MediaCmd before = c;
+    EXPECT_EQ(fixMediaCmd(&c, 0), 0u);
+    before.VideoChannels = 0xFFFFFFFF;
+    EXPECT_EQ(std::memcmp(&c, &before, sizeof c), 0);
+    // Only the flags inside the mask count as given.
+    c = fresh(ctRecord);
+    c.Flags = cfUseSpeed | cfUsePresets;
+    c.Speed = 7;
+    c.AudioChannels = 5;
+    EXPECT_EQ(fixMediaCmd(&c, cfUsePresets), cfUseSpeed | cfUsePresets);
+    EXPECT_EQ(c.Speed, 65520);
+    EXPECT_EQ(c.AudioChannels, 5u);
+}
+
+TEST(MediaCmdRecord, CopyMergesFieldsFlagsAndText) {
+    MediaCmd src = fresh(ctRecord), dst = fresh(ctTransfer);
+    src.Channel = 3;
+    src.Position = 10, src.Start = 20, src.End = 30;
+    src.Flags = cfUsePosition | cfUseStartOffset | cfLoop | cfUseClipID;
+    std::strcpy(src.ClipID, "ABCDEFGH");
+    std::strcpy(src.FileName, "clip.mov");
+    dst.Flags = cfDeferred | cfUseEnd | cfUsePositionOffset | cfPreview;
+    dst.AudioChannels = 1;
+    std::strcpy(dst.FileName, "longer-old-name");
+    copyMediaCmd(&dst, &src, 0);  // no flags copied, but the fields are
+    EXPECT_EQ(dst.Channel, 3u);
+    EXPECT_EQ(dst.Cmd, ctRecord);
+    EXPECT_EQ(dst.Speed, 65520);
+    EXPECT_EQ(dst.Position, 10);
+    EXPECT_EQ(dst.Start, 20);
+    EXPECT_EQ(dst.End, 30);
+    EXPECT_EQ(dst.AudioChannels, 0xFFFFFFFFu);
+    // Deferred dropped (src lacks it), position bits only gained, start/end
+    // bits replaced, unlisted bits kept.
+    EXPECT_EQ(dst.Flags, cfUsePositionOffset | cfUsePosition | cfUseStartOffset | cfPreview | cfUseSpeed);
+    EXPECT_STREQ(dst.ClipID, "ABCDEFGH");
+    EXPECT_STREQ(dst.FileName, "clip.mov");
+    EXPECT_EQ(dst.FileName[10], 0) << "padded with NULs";
+
+    src = fresh(ctGetValue);
+    src.CmdAlt = gsTc;
+    src.Flags = cfTimeMs | cfUsePresets | cfUseSpeed;
+    src.Speed = -100;
+    src.VideoChannels = 6;
+    copyMediaCmd(&dst, &src, cfTimeMs);
+    EXPECT_EQ(dst.CmdAlt, gsTc);
+    EXPECT_EQ(dst.Speed, -100);
+    EXPECT_EQ(dst.VideoChannels, 6u);
+    EXPECT_EQ(dst.Flags & (cfTimeMs | cfUsePresets | cfUseSpeed), cfTimeMs | cfUsePresets | cfUseSpeed);
+    src.Cmd = ctTransfer;
+    src.Flags = 0;
+    copyMediaCmd(&dst, &src, 0);
+    EXPECT_EQ(dst.Speed, 0x7FFFFFFF);
+    EXPECT_EQ(dst.Flags & cfUseSpeed, cfUseSpeed) << "left as it was";
+}
+
+TEST(MediaCmdRecord, CopyStaysInsideSmallRecords) {
+    // guard: a destination of 80 bytes receives only 4 clip ID bytes.
+    MediaCmd src = fresh(ctPlay);
+    src.Flags = cfUseClipID;
+    std::strcpy(src.ClipID, "ABCDEFGH");
+    auto* small = static_cast<MediaCmd*>(::operator new(80));
+    std::memcpy(small, &src, 80);
+    small->StructSize = 80;
+    copyMediaCmd(small, &src, 0);
+    EXPECT_EQ(std::string(small->ClipID, 4), "ABCD");
+    ::operator delete(small);
+}
+
+TEST(MediaCmdNames, FlagTableRowsAndFirstMatch) {
+    ASSERT_EQ(qnv::flagNameTable().size(), 36u);
+    EXPECT_STREQ(qnv::flagNameTable()[1].name, "overridedeferred");
+    EXPECT_STREQ(qnv::flagNameTable()[34].name, "ignore");
+    char text[32];
+    uint32_t f = 0;
+    EXPECT_EQ(cfToString(0x4000, text), 0u);
+    EXPECT_STREQ(text, "copy");
+    EXPECT_EQ(cfToString(0x8000, text), 0u);
+    EXPECT_STREQ(text, "convert");
+    EXPECT_EQ(cfToString(0x08000000, text), 0u);
+    EXPECT_STREQ(text, "secondfield");
+    EXPECT_EQ(cfToString(0x40000000, text), 0u);
+    EXPECT_STREQ(text, "overridedeferred");
+    EXPECT_EQ(cfToString(0x30, text), 0xFFFFFFFFu);
+    EXPECT_EQ(cfFromString("IGNORE", &f), 0u);
+    EXPECT_EQ(f, 0x40000000u);
+    EXPECT_EQ(cfFromString("NoClipFiles", &f), 0u);
+    EXPECT_EQ(f, 0x4000u);
+    EXPECT_EQ(cfFromString("use", &f), 0xFFFFFFFFu) << "no prefix matches";
+    EXPECT_EQ(cfFromString("deferredx", nullptr), 0xFFFFFFFFu);
+    EXPECT_EQ(cfFromString(nullptr, &f), 0xFFFFFFFFu);
+    EXPECT_EQ(cfToString(0x80000000u, nullptr), 0u);
+}
+
+TEST(MediaCmdNames, ValueTableRowsOrderAndFirstMatch) {
+    auto table = qnv::valueNameTable();
+    ASSERT_EQ(table.size(), 460u);
+    // The 1054 block stands before 1028; the 50000 block ends irregularly.
+    auto index = [&](const char* name) { return qnv::findByName(table, name) - table.data(); };
+    EXPECT_EQ(index("recordnameflags") + 1, index("vidinputvalid"));
+    EXPECT_EQ(table[index("proxyfiletype") + 1].code, 50021u);
+    EXPECT_EQ(table.back().code, 0x7FFF0003u);
+    char text[32];
+    uint32_t code = 0;
+    EXPECT_EQ(gsToString(20003, text), 0u);
+    EXPECT_STREQ(text, "sysdroppedframes");
+    EXPECT_EQ(gsFromString("DroppedFrames", &code), 0u);
+    EXPECT_EQ(code, 20003u);
+    EXPECT_EQ(gsToString(50015, text), 0u);
+    EXPECT_STREQ(text, "proxyfilecompressiontype");
+    EXPECT_EQ(gsToString(64014, text), 0xFFFFFFFFu);
+    EXPECT_EQ(gsFromString("videoinputprefferedscantype", &code), 0u);
+    EXPECT_EQ(code, 1048u);
+    EXPECT_EQ(gsFromString("userdata9", &code), 0u);
+    EXPECT_EQ(code, 3009u);
+    // Every name leads to its code, and the code back to its first name.
+    std::set<uint32_t> seen;
+    size_t longest = 0;
+    for (const qnv::CodeName& row : table) {
+        ASSERT_EQ(gsFromString(row.name, &code), 0u);
+        ASSERT_EQ(code, row.code);
+        ASSERT_EQ(gsToString(code, text), 0u);
+        EXPECT_EQ(std::string(text) == row.name, seen.insert(code).second) << row.name;
+        longest = std::max(longest, std::strlen(row.name));
+    }
+    EXPECT_EQ(seen.size(), 457u);
+    EXPECT_LE(longest + 1, 31u);
+}
+
+TEST(MediaCmdChannels, MasksByIndex) {
+    uint32_t rest = 0;
+    EXPECT_EQ(findChannel(0x0A, &rest, 1), 3u);
+    EXPECT_EQ(rest, 0x02u);
+    EXPECT_EQ(findChannel(0, &rest, 0), 0xFFFFFFFFu);
+    EXPECT_EQ(rest, 0u);
+    EXPECT_EQ(findChannel(0x80000001u, &rest, 1), 31u);
+    EXPECT_EQ(rest, 1u);
+    EXPECT_EQ(findChannel(0x0A, &rest, 2), 0xFFFFFFFFu);
+    EXPECT_EQ(rest, 0x0Au);
+    EXPECT_EQ(isolateChannel(0x0A, 1), 0x08u);
+    EXPECT_EQ(isolateChannel(0x0A, 5), 0u);
+    EXPECT_EQ(totalChannels(0xFFFFFFFF), 32u);
+    EXPECT_EQ(totalChannels(0x0A), 2u);
+}
+
+TEST(MediaCmdSpeed, RateAndFourcc) {
+    EXPECT_EQ(speedRate(-32760), 0x00008000u);
+    EXPECT_EQ(speedRate(65520), 0x00010000u);
+    EXPECT_EQ(speedRate(65520 * 3 + 16380), 0x00034000u);
+    EXPECT_EQ(speedRate(INT32_MIN), 32776u << 16 | uint32_t((2147483648.0 / 65520 - 32776) * 65536));
+    EXPECT_EQ(fourccToLower(0x3436324Eu), 0x3436326Eu);  // "N264" -> "n264"
+    EXPECT_EQ(fourccToUpper(0xE4766568u), 0xE4564548u);  // high bytes unchanged
+}
+
+TEST(MediaCmdSpeed, RepsKeepStateAcrossCalls) {
+    qnv::resetSpeedReps();
+    uint32_t frame = 100;
+    // Start state: normal speed with a rate of 0, so the counter stays.
+    EXPECT_EQ(speedReps(&frame, 65520), 1u);
+    EXPECT_EQ(speedReps(&frame, 0x7FFFFFFF), 1u);
+    EXPECT_EQ(frame, 100u);
+    EXPECT_EQ(speedReps(&frame, 0), 0u);
+    // 1.5x normal: rate 3 against half speed, no fraction.
+    EXPECT_EQ(speedReps(&frame, 98280), 1u);
+    EXPECT_EQ(frame, 103u);
+    // 1.25x: rate 2.5, one extra frame every second call once past 1.0.
+    uint32_t frames[3];
+    for (uint32_t& f : frames) {
+        speedReps(&frame, 81900);
+        f = frame;
+    }
+    EXPECT_EQ(frames[0], 105u);
+    EXPECT_EQ(frames[1], 107u) << "accumulator 1.0 does not exceed 1.0";
+    EXPECT_EQ(frames[2], 110u);
+    // Slow: a quarter of normal speed is rate 0.5, two repetitions a frame;
+    // rate 0.4 repeats 2.5 times: 2, 2, 3 once the halves pass 1.0, 2.
+    EXPECT_EQ(speedReps(&frame, -16380), 2u);
+    EXPECT_EQ(frame, 111u);
+    EXPECT_EQ(speedReps(nullptr, -13104), 2u);
+    EXPECT_EQ(speedReps(nullptr, -13104), 2u);
+    EXPECT_EQ(speedReps(nullptr, 0x7FFFFFFF), 3u);
+    EXPECT_EQ(speedReps(nullptr, -13104), 2u);
+}
