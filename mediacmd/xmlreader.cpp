@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
+#include <iterator>
 #include <memory>
 #include <string>
 
@@ -38,9 +39,46 @@ bool scanInt(const char* text, int32_t* value) {
     return true;
 }
 
+// Name comparison that settles most mismatches on the first character.
+bool sameName(const char* a, const char* b) { return a[0] == b[0] && std::strcmp(a, b) == 0; }
+
 bool readAttribute(const XMLElement* e, const char* name, int32_t* value) {
-    return e != nullptr && scanInt(e->Attribute(name), value);
+    if (e == nullptr) return false;
+    for (const tinyxml2::XMLAttribute* a = e->FirstAttribute(); a != nullptr; a = a->Next())
+        if (sameName(a->Name(), name)) return scanInt(a->Value(), value);
+    return false;
 }
+
+// The first child element of each name the reader looks at, found in one
+// pass over the root.
+class Elements {
+public:
+    explicit Elements(const XMLElement* root) {
+        for (const XMLElement* e = root->FirstChildElement(); e != nullptr; e = e->NextSiblingElement()) {
+            const char* name = e->Name();
+            for (size_t i = 0; i < std::size(kNames); ++i) {
+                if (found_[i] == nullptr && sameName(name, kNames[i])) {
+                    found_[i] = e;
+                    break;
+                }
+            }
+        }
+    }
+    const XMLElement* operator[](const char* name) const {
+        for (size_t i = 0; i < std::size(kNames); ++i)
+            if (sameName(name, kNames[i])) return found_[i];
+        return nullptr;
+    }
+
+private:
+    static constexpr const char* kNames[] = {
+        "prev",          "next",          "list",         "CmdID",           "StructSize",           "Channel",
+        "Cmd",           "Speed",         "VideoChannels", "AudioChannels",  "InfoChannels",         "CmdAlt",
+        "Position",      "Start",         "End",          "ClipID",          "FileName",             "arbID",
+        "sourceipaddress", "destinationipaddress", "clockipaddress", "interfaceipaddress",
+    };
+    const XMLElement* found_[std::size(kNames)] = {};
+};
 
 template <typename Field>
 void readValue(const XMLElement* e, Field* field) {
@@ -50,10 +88,10 @@ void readValue(const XMLElement* e, Field* field) {
 
 class Reader {
 public:
-    Reader(MediaCmd* cmd, uint32_t tcType) : cmd_(cmd), entrySize_(cmd->StructSize), tcType_(tcType) {}
+    Reader(MediaCmd* cmd, uint32_t tcType, const XMLElement* root)
+        : cmd_(cmd), entrySize_(cmd->StructSize), tcType_(tcType), elements_(root) {}
 
-    void read(const XMLElement* root) {
-        root_ = root;
+    void read() {
         header();
         command();
         if (const XMLElement* e = child("Speed")) {
@@ -86,7 +124,7 @@ public:
     }
 
 private:
-    const XMLElement* child(const char* name) const { return root_->FirstChildElement(name); }
+    const XMLElement* child(const char* name) const { return elements_[name]; }
     const char* text(const char* name) const {
         const XMLElement* e = child(name);
         return e != nullptr ? e->GetText() : nullptr;
@@ -273,7 +311,7 @@ private:
     MediaCmd* cmd_;
     const uint32_t entrySize_;
     uint32_t tcType_;
-    const XMLElement* root_ = nullptr;
+    const Elements elements_;
 };
 
 // The first child of the document with this name, of any node kind.
@@ -297,7 +335,7 @@ uint32_t MediaCmdFromXML(MediaCmd* cmd, uint32_t* tcType, tinyxml2::XMLDocument*
     const XMLElement* root = node->ToElement();
     if (root == nullptr) return MEDIACMD_XML_NOT_ELEMENT;
     try {
-        Reader(cmd, tcType != nullptr ? *tcType : 4).read(root);
+        Reader(cmd, tcType != nullptr ? *tcType : 4, root).read();
     } catch (...) {
         // Out of memory while lower-casing a command name: the record keeps
         // what was read so far.

@@ -1,11 +1,14 @@
 // MediaCmd record -> XML document and text.
+//
+// One writer feeds two sinks: a tinyxml2 document (MediaCmdToXML) and a
+// tinyxml2 printer that streams the text directly (MediaCmdToXMLString). The
+// printer gives the same text as printing the document would, without
+// building it first.
 #include <tinyxml2.h>
 
 #include <cstdio>
 #include <cstring>
-#include <new>
 #include <string>
-#include <vector>
 
 #include "mediacmd/names.h"
 #include "mediacmd/record.h"
@@ -21,53 +24,126 @@ constexpr uint32_t kTimecodeWord = 0x32100;  // timecode text, type in the low b
 constexpr uint32_t kFixedWord = 0xB2140;     // timecode text of the queue values
 constexpr uint32_t kLevelWarning = 0x80000000u;
 
-std::string timecodeText(int32_t frames, uint32_t formatWord) {
-    char text[TCT_TEXT_SIZE] = {};
-    TimecodeTextFormat(static_cast<uint32_t>(frames), formatWord, text);
-    return text;
-}
+// Receives the document in order: every element's attributes come before its
+// text.
+class Sink {
+public:
+    virtual ~Sink() = default;
+    virtual void declaration(const char* text) = 0;
+    virtual void comment(const char* text) = 0;
+    virtual void open(const char* name) = 0;
+    virtual void attribute(const char* name, const char* value) = 0;
+    virtual void attribute(const char* name, int32_t value) = 0;
+    virtual void text(const char* text) = 0;
+    virtual void close() = 0;
+};
+
+class DocumentSink final : public Sink {
+public:
+    explicit DocumentSink(XMLDocument* doc) : doc_(doc) {}
+    void declaration(const char* text) override { doc_->InsertFirstChild(doc_->NewDeclaration(text)); }
+    void comment(const char* text) override { parent()->InsertEndChild(doc_->NewComment(text)); }
+    void open(const char* name) override {
+        XMLElement* e = doc_->NewElement(name);
+        parent()->InsertEndChild(e);
+        current_ = e;
+    }
+    void attribute(const char* name, const char* value) override { current_->SetAttribute(name, value); }
+    void attribute(const char* name, int32_t value) override { current_->SetAttribute(name, value); }
+    void text(const char* text) override { current_->SetText(text); }
+    void close() override {
+        tinyxml2::XMLNode* up = current_->Parent();
+        current_ = up != nullptr ? up->ToElement() : nullptr;
+    }
+
+private:
+    tinyxml2::XMLNode* parent() { return current_ != nullptr ? static_cast<tinyxml2::XMLNode*>(current_) : doc_; }
+    XMLDocument* doc_;
+    XMLElement* current_ = nullptr;
+};
+
+// Compact text: no indentation and no line breaks.
+class PrinterSink final : public Sink {
+public:
+    void declaration(const char* text) override { printer_.PushDeclaration(text); }
+    void comment(const char* text) override { printer_.PushComment(text); }
+    void open(const char* name) override {
+        printer_.OpenElement(name, true);
+        ++depth_;
+    }
+    void attribute(const char* name, const char* value) override { printer_.PushAttribute(name, value); }
+    void attribute(const char* name, int32_t value) override { printer_.PushAttribute(name, value); }
+    void text(const char* text) override { printer_.PushText(text); }
+    void close() override {
+        printer_.CloseElement(true);
+        --depth_;
+    }
+    // Closes what an interrupted writer left open.
+    void finish() {
+        while (depth_ > 0) close();
+    }
+    const char* str() const { return printer_.CStr(); }
+    size_t length() const { return size_t(printer_.CStrSize() - 1); }
+
+private:
+    tinyxml2::XMLPrinter printer_{nullptr, true};
+    int depth_ = 0;
+};
 
 class Writer {
 public:
-    Writer(XMLDocument* doc, MediaCmd* cmd, uint8_t tcType)
-        : doc_(doc), cmd_(cmd), tcType_(tcType == 255 ? 0 : tcType), data_(cmd, cmd->StructSize) {}
+    Writer(Sink& sink, MediaCmd* cmd, uint8_t tcType)
+        : out_(sink), cmd_(cmd), tcType_(tcType == 255 ? 0 : tcType), data_(cmd, cmd->StructSize) {}
 
     void write() {
-        doc_->InsertFirstChild(doc_->NewDeclaration("xml version=\"1.0\" encoding=\"iso-8859-1\""));
-        root_ = doc_->NewElement("MediaCmd");
-        doc_->InsertEndChild(root_);
-        root_->InsertEndChild(doc_->NewComment(" Velmora MEDIACMD xml structure version 1,0 "));
+        out_.declaration("xml version=\"1.0\" encoding=\"iso-8859-1\"");
+        out_.open("MediaCmd");
+        out_.comment(" Velmora MEDIACMD xml structure version 1,0 ");
         header();
         command();
         speed();
         channels();
         if (cmd_->Flags & (cfUseCmdAlt | cfTimeMs | cfTimeTarget | cfTimeHouseClock)) {
-            XMLElement* e = add("CmdAlt", cmd_->CmdAlt);
-            flag(e, "TimeMs", cfTimeMs);
-            flag(e, "TimeTarget", cfTimeTarget);
-            flag(e, "TimeHouseClock", cfTimeHouseClock);
+            open("CmdAlt", cmd_->CmdAlt);
+            flag("TimeMs", cfTimeMs);
+            flag("TimeTarget", cfTimeTarget);
+            flag("TimeHouseClock", cfTimeHouseClock);
+            out_.close();
         }
         positions();
         if (cmd_->Flags & cfUseClipID) dataArea();
+        out_.close();
     }
 
 private:
-    XMLElement* add(const char* name) { return static_cast<XMLElement*>(root_->InsertEndChild(doc_->NewElement(name))); }
-    XMLElement* add(const char* name, int32_t value) {
-        XMLElement* e = add(name);
-        e->SetAttribute("Value", value);
-        return e;
+    void open(const char* name, int32_t value) {
+        out_.open(name);
+        out_.attribute("Value", value);
     }
-    XMLElement* addText(const char* name, std::string_view text) {
-        XMLElement* e = add(name);
-        e->SetText(std::string(text).c_str());
-        return e;
+    void valueElement(const char* name, int32_t value) {
+        open(name, value);
+        out_.close();
     }
-    void flag(XMLElement* e, const char* attribute, uint32_t bit) {
-        if (cmd_->Flags & bit) e->SetAttribute(attribute, "1");
+    void textElement(const char* name, std::string_view text) {
+        out_.open(name);
+        out_.text(std::string(text).c_str());
+        out_.close();
     }
-    void tcTypeAttribute(XMLElement* e) {
-        if (const char* name = qnv::tcTypeName(tcType_)) e->SetAttribute("TcType", name);
+    void flag(const char* attribute, uint32_t bit) {
+        if (cmd_->Flags & bit) out_.attribute(attribute, "1");
+    }
+    void tcTypeAttribute() {
+        if (const char* name = qnv::tcTypeName(tcType_)) out_.attribute("TcType", name);
+    }
+    void timecodeText(int32_t frames, uint32_t formatWord) {
+        char text[TCT_TEXT_SIZE] = {};
+        TimecodeTextFormat(static_cast<uint32_t>(frames), formatWord, text);
+        out_.text(text);
+    }
+    void decimalText(int32_t value) {
+        char text[16];
+        std::snprintf(text, sizeof text, "%d", value);
+        out_.text(text);
     }
 
     void header() {
@@ -75,16 +151,13 @@ private:
         const char* names[] = {"prev", "next", "list"};
         for (int i = 0; i < 3; ++i)
             if (links[i] != nullptr)
-                add(names[i], static_cast<int32_t>(static_cast<uint32_t>(reinterpret_cast<uintptr_t>(links[i]))));
-        add("CmdID", static_cast<int32_t>(cmd_->CmdID));
-        add("StructSize", static_cast<int32_t>(cmd_->StructSize));
-        add("Channel", static_cast<int32_t>(cmd_->Channel));
+                valueElement(names[i], static_cast<int32_t>(static_cast<uint32_t>(reinterpret_cast<uintptr_t>(links[i]))));
+        valueElement("CmdID", static_cast<int32_t>(cmd_->CmdID));
+        valueElement("StructSize", static_cast<int32_t>(cmd_->StructSize));
+        valueElement("Channel", static_cast<int32_t>(cmd_->Channel));
     }
 
     void command() {
-        const char* name = qnv::commandName(cmd_->Cmd);
-        XMLElement* e = addText("Cmd", name != nullptr ? name : "Unknown");
-        e->SetAttribute("Value", cmd_->Cmd);
         static const std::pair<const char*, uint32_t> kFlags[] = {
             {"Deferred", cfDeferred},   {"OverrideDeferred", cfOverrideDeferred},
             {"Loop", cfLoop},           {"Trigger", cfTrigger},
@@ -93,7 +166,11 @@ private:
             {"UseAllIDs", cfUseAllIDs}, {"UseClipID", cfUseClipID},
             {"NoClipFiles", cfNoClipFiles}, {"NoTCSpaces", cfNoTCSpaces},
         };
-        for (const auto& [attribute, bit] : kFlags) flag(e, attribute, bit);
+        open("Cmd", cmd_->Cmd);
+        for (const auto& [attribute, bit] : kFlags) flag(attribute, bit);
+        const char* name = qnv::commandName(cmd_->Cmd);
+        out_.text(name != nullptr ? name : "Unknown");
+        out_.close();
     }
 
     // Without cfUseSpeed, play and record (and shuttles) announce normal speed
@@ -106,9 +183,10 @@ private:
             value = MEDIACMD_NORMAL_SPEED;
         else
             return;
-        XMLElement* e = addText("Speed", std::to_string(qnv::speedPercent(cmd_->Speed)));
-        e->SetAttribute("Value", value);
-        flag(e, "IsShuttle", cfIsShuttle);
+        open("Speed", value);
+        flag("IsShuttle", cfIsShuttle);
+        decimalText(qnv::speedPercent(cmd_->Speed));
+        out_.close();
     }
 
     void channels() {
@@ -118,28 +196,29 @@ private:
         if (cmd_->Flags & cfUseFrameCount) {
             const char* names[] = {"ctltimecode", "ltctimecode", "vitctimecode"};
             for (int i = 0; i < 3; ++i) {
-                XMLElement* e = add(names[i], masks[i]);
-                tcTypeAttribute(e);
-                e->SetText(timecodeText(masks[i], tcType_ | kTimecodeWord).c_str());
+                open(names[i], masks[i]);
+                tcTypeAttribute();
+                timecodeText(masks[i], tcType_ | kTimecodeWord);
+                out_.close();
             }
         }
-        add("VideoChannels", masks[0]);
-        add("AudioChannels", masks[1]);
-        add("InfoChannels", masks[2]);
+        valueElement("VideoChannels", masks[0]);
+        valueElement("AudioChannels", masks[1]);
+        valueElement("InfoChannels", masks[2]);
     }
 
-    XMLElement* position(const char* name, int32_t value, uint32_t offsetBit, bool fixedWord) {
-        XMLElement* e = add(name, value);
-        tcTypeAttribute(e);
+    void position(const char* name, int32_t value, uint32_t offsetBit, bool fixedWord) {
+        open(name, value);
+        tcTypeAttribute();
+        flag("IsOffset", offsetBit);
+        flag("UsingCurrent", cfUsingCurrent);
+        flag("UsingFrameCount", cfUseFrameCount);
+        flag("IsFieldCount", cfFields);
         if (tcType_ == 0)
-            e->SetText(value);
+            decimalText(value);
         else
-            e->SetText(timecodeText(value, fixedWord ? kFixedWord : tcType_ | kTimecodeWord).c_str());
-        flag(e, "IsOffset", offsetBit);
-        flag(e, "UsingCurrent", cfUsingCurrent);
-        flag(e, "UsingFrameCount", cfUseFrameCount);
-        flag(e, "IsFieldCount", cfFields);
-        return e;
+            timecodeText(value, fixedWord ? kFixedWord : tcType_ | kTimecodeWord);
+        out_.close();
     }
 
     // Start and End of the queue values are timed at 60 frames per second,
@@ -159,8 +238,8 @@ private:
         switch (cmd_->CmdAlt) {
             case gsChannelname: channelAliases(); return clipPart();
             case gsIpvideosettings: ipVideoSettings(); return clipPart();
-            case gsIpvideoclock: addText("clockipaddress", data_.string(76)); return clipPart();
-            case gsQnvtype: addText("chanName", data_.string(76)); return;
+            case gsIpvideoclock: textElement("clockipaddress", data_.string(76)); return clipPart();
+            case gsQnvtype: textElement("chanName", data_.string(76)); return;
             case gsFramedata:
             case gsPreviewframe:
                 if ((cmd_->Flags & cfUsingCurrent) == 0) arbitraryData();
@@ -176,18 +255,18 @@ private:
     void channelAliases() {
         uint64_t p = 85;
         std::string_view s0 = data_.string(p);
-        addText("channelalias", s0);
+        textElement("channelalias", s0);
         p += s0.size() + 1;
         std::string_view s1 = data_.string(p);
-        if (!s1.empty()) addText("channel1alias", s0);
+        if (!s1.empty()) textElement("channel1alias", s0);
         if (s1.size() >= 2) {
-            addText("channel2alias", s1.substr(1));
+            textElement("channel2alias", s1.substr(1));
             p += s1.size() + 1;
         }
         for (const char* name : {"channel3alias", "channel4alias", "channel5alias", "channel6alias", "channel7alias"}) {
             std::string_view s = data_.string(p);
             if (s.empty()) continue;
-            addText(name, s);
+            textElement(name, s);
             p += s.size() + 1;
         }
     }
@@ -196,12 +275,12 @@ private:
         uint64_t p = 76;
         for (const char* name : {"destinationipaddress", "sourceipaddress", "interfaceipaddress"}) {
             std::string_view s = data_.string(p);
-            addText(name, s);
+            textElement(name, s);
             p += s.size() + 1;
         }
-        add("Start", cmd_->Start);
-        add("End", cmd_->End);
-        add("AudioChannels", static_cast<int32_t>(cmd_->AudioChannels));
+        valueElement("Start", cmd_->Start);
+        valueElement("End", cmd_->End);
+        valueElement("AudioChannels", static_cast<int32_t>(cmd_->AudioChannels));
     }
 
     void arbitraryData() {
@@ -213,9 +292,7 @@ private:
         if (cmd_->Flags & cfNoTCSpaces) {
             uint32_t m = n * 4 / 3 + 4;
             text.assign(m + m / 72 + 17, '\0');
-            uint32_t length = 0;
-            base64_encode(bytes, n, &length, text.data());
-            text.resize(length);
+            base64_encode(bytes, n, nullptr, text.data());
             type = "base64";
         } else {
             static const char kHex[] = "0123456789ABCDEF";
@@ -226,9 +303,11 @@ private:
             }
             type = "hex";
         }
-        XMLElement* e = addText("arbID", text);
-        e->SetAttribute("Type", type);
-        e->SetAttribute("length", static_cast<int32_t>(n));
+        out_.open("arbID");
+        out_.attribute("Type", type);
+        out_.attribute("length", static_cast<int32_t>(n));
+        out_.text(text.c_str());
+        out_.close();
     }
 
     void clipPart() {
@@ -236,45 +315,51 @@ private:
         const uint32_t size = cmd_->StructSize;
         if (cmd_->CmdAlt == gsMetabasefilename) {
             if (longName) return;
-            addText("ClipID", data_.string(76));
+            textElement("ClipID", data_.string(76));
             std::string_view file = data_.string(85);
             // A unique ID after "$" is split off, in the caller's record too.
             if (size_t dollar = file.find('$'); dollar != std::string_view::npos) {
-                addText("UniqueID", file.substr(dollar + 1));
+                textElement("UniqueID", file.substr(dollar + 1));
                 reinterpret_cast<char*>(cmd_)[85 + dollar] = '\0';
                 file = file.substr(0, dollar);
             }
-            addText("FileName", file);
+            textElement("FileName", file);
         } else if (cmd_->CmdAlt == gsMetabasegettag) {
             std::string_view tag = data_.string(76);
-            addText("MetaTag", tag);
+            textElement("MetaTag", tag);
+            out_.open("MetaData");
             if (cmd_->Speed != 1) {
-                addText("MetaData", std::to_string(cmd_->Start));
+                decimalText(cmd_->Start);
             } else {
                 // The tag's data starts End + 1 bytes into the data area.
                 int64_t offset = 76 + int64_t(cmd_->End) + 1;
-                addText("MetaData", offset < 0 ? std::string_view() : data_.string(uint64_t(offset)));
+                out_.text(std::string(offset < 0 ? std::string_view() : data_.string(uint64_t(offset))).c_str());
             }
-            if (tag == "REPLAY_COUNT") add("PageRequest")->SetText(static_cast<int32_t>(cmd_->InfoChannels));
+            out_.close();
+            if (tag == "REPLAY_COUNT") {
+                out_.open("PageRequest");
+                decimalText(static_cast<int32_t>(cmd_->InfoChannels));
+                out_.close();
+            }
         } else if (longName) {
             std::string_view name = data_.string(76);
             if (name.empty() || name.size() + 77 >= uint64_t(size)) return;
-            guarded("Exception: MediaCmdToXML() ", [&] { addText("FileName", name); });
+            guarded("Exception: MediaCmdToXML() ", [&] { textElement("FileName", name); });
         } else {
             std::string_view clip = data_.string(76);
-            addText("ClipID", clip);
+            textElement("ClipID", clip);
             guarded("Exception:  MediaCmdToXML(ClipID) ", [&] {
                 if (data_.at(85) == '\0') {
-                    if (cmd_->CmdAlt == gsMetadata) addText("FileName", clip);
+                    if (cmd_->CmdAlt == gsMetadata) textElement("FileName", clip);
                 } else if (std::string_view file = data_.string(85); file.size() + 86 < uint64_t(size)) {
-                    addText("FileName", file);
+                    textElement("FileName", file);
                 }
             });
         }
     }
 
-    // Runs one step of the file-name output; an exception ends the document
-    // where it got to and is reported.
+    // The last step: an exception ends the document where it got to and is
+    // reported.
     template <typename Step>
     void guarded(const char* message, Step step) {
         try {
@@ -284,11 +369,10 @@ private:
         }
     }
 
-    XMLDocument* doc_;
+    Sink& out_;
     MediaCmd* cmd_;
     uint32_t tcType_;
     qnv::RecordView data_;
-    XMLElement* root_ = nullptr;
 };
 
 }  // namespace
@@ -298,7 +382,8 @@ extern "C" {
 uint32_t MediaCmdToXML(tinyxml2::XMLDocument* document, MediaCmd* cmd, uint8_t tcType) {
     if (document == nullptr || cmd == nullptr) return 0;
     try {
-        Writer(document, cmd, tcType).write();
+        DocumentSink sink(document);
+        Writer(sink, cmd, tcType).write();
     } catch (...) {
         // Out of memory: the document stays as far as it got.
     }
@@ -306,25 +391,25 @@ uint32_t MediaCmdToXML(tinyxml2::XMLDocument* document, MediaCmd* cmd, uint8_t t
 }
 
 uint32_t MediaCmdToXMLString(char** text, MediaCmd* cmd, uint32_t tcType) {
-    if (text == nullptr) return 0;
+    if (text == nullptr || cmd == nullptr) return 0;
     try {
-        XMLDocument doc;
-        uint32_t result = MediaCmdToXML(&doc, cmd, static_cast<uint8_t>(tcType));
-        if (result != 0) return result;
-        tinyxml2::XMLPrinter printer(nullptr, true);
-        doc.Print(&printer);
-        const int length = printer.CStrSize() - 1;
-        if (length > 0) {
-            auto* copy = static_cast<char*>(QxAlloc(static_cast<uint32_t>(length) + 1));
+        PrinterSink sink;
+        try {
+            Writer(sink, cmd, static_cast<uint8_t>(tcType)).write();
+        } catch (...) {
+            // Out of memory: the text ends where the writer got to.
+            sink.finish();
+        }
+        if (sink.length() > 0) {
+            auto* copy = static_cast<char*>(QxAlloc(static_cast<uint32_t>(sink.length()) + 1));
             if (copy != nullptr) {
-                std::memcpy(copy, printer.CStr(), size_t(length) + 1);
+                std::memcpy(copy, sink.str(), sink.length() + 1);
                 *text = copy;
             }
         }
-        return result;
     } catch (...) {
-        return 0;
     }
+    return 0;
 }
 
 uint32_t MediaCmdFreeXMLString(char** text) {

@@ -60,7 +60,7 @@ TEST(MediaCmdDebug, ItemsInOrder) {
     }
     // A long name runs into the file name; the line is cut at its buffer.
     c.Flags = cfUseClipID;
-    std::memset(c.ClipID, 'n', 4000);
+    std::memset(mctest::area(c), 'n', 4000);
     EXPECT_EQ(line(c).size(), 1039u);
 }
 

@@ -18,6 +18,9 @@ inline MediaCmd record(uint32_t command) {
     return c;
 }
 
+// The data area from offset 76 (clip ID, file name and payloads run on).
+inline char* area(MediaCmd& c) { return reinterpret_cast<char*>(&c) + MEDIACMD_DATA_OFFSET; }
+
 // The record's XML text.
 inline std::string toXml(MediaCmd& c, uint32_t tcType = 0) {
     char* text = nullptr;

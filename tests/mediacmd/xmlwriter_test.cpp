@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 #include <tinyxml2.h>
 
+#include <iterator>
+#include <random>
+
 #include "tests/mediacmd/mediacmd_test.h"
 
 using mctest::body;
@@ -145,7 +148,7 @@ TEST(MediaCmdWriter, ClipIdAndFileName) {
 
     // One long name from offset 76 while byte 84 is not zero.
     c = clip(ctPlay, -1, "", "");
-    std::strcpy(c.ClipID, "0123456789-long-name");
+    std::strcpy(mctest::area(c), "0123456789-long-name");
     EXPECT_EQ(dataPart(c), "<FileName>0123456789-long-name</FileName>");
     c.StructSize = 77 + 20;  // the name is StructSize - 77 long: left out
     EXPECT_EQ(dataPart(c), "");
@@ -157,8 +160,8 @@ TEST(MediaCmdWriter, MetaTags) {
     MediaCmd c = clip(ctGetValue, gsMetabasegettag, "TITLE", "");
     c.Start = -5;
     EXPECT_EQ(dataPart(c), "<MetaTag>TITLE</MetaTag><MetaData>-5</MetaData>");
-    std::strcpy(c.ClipID, "REPLAY_COUNT");
-    std::strcpy(c.ClipID + 13, "data");
+    std::strcpy(mctest::area(c), "REPLAY_COUNT");
+    std::strcpy(mctest::area(c) + 13, "data");
     c.Speed = 1;
     c.End = 12;
     c.InfoChannels = 9;
@@ -170,7 +173,7 @@ TEST(MediaCmdWriter, MetaTags) {
 TEST(MediaCmdWriter, ChannelAliasWalk) {
     MediaCmd c = clip(ctSetValue, gsChannelname, "", "");
     const char aliases[] = "Cam A\0Bx\0C\0D\0E\0F\0G\0H";
-    std::memcpy(c.FileName, aliases, sizeof aliases);
+    std::memcpy(mctest::area(c) + 9, aliases, sizeof aliases);
     EXPECT_EQ(dataPart(c),
               "<channelalias>Cam A</channelalias><channel1alias>Cam A</channel1alias><channel2alias>x</channel2alias>"
               "<channel3alias>C</channel3alias><channel4alias>D</channel4alias><channel5alias>E</channel5alias>"
@@ -178,7 +181,7 @@ TEST(MediaCmdWriter, ChannelAliasWalk) {
               "<ClipID></ClipID><FileName>Cam A</FileName>");
     // A one-character second alias is not passed: the walk reads it again.
     const char shortSecond[] = "Cam A\0B\0C";
-    std::memcpy(c.FileName, shortSecond, sizeof shortSecond);
+    std::memcpy(mctest::area(c) + 9, shortSecond, sizeof shortSecond);
     EXPECT_EQ(dataPart(c),
               "<channelalias>Cam A</channelalias><channel1alias>Cam A</channel1alias>"
               "<channel3alias>B</channel3alias><channel4alias>C</channel4alias><ClipID></ClipID><FileName>Cam A</FileName>");
@@ -189,7 +192,7 @@ TEST(MediaCmdWriter, ChannelAliasWalk) {
 TEST(MediaCmdWriter, AddressesAndChannelName) {
     MediaCmd c = clip(ctSetValue, gsIpvideosettings, "", "");
     const char ips[] = "10.0.0.1\0" "10.0.0.2\0" "eth0";
-    std::memcpy(c.ClipID, ips, sizeof ips);
+    std::memcpy(mctest::area(c), ips, sizeof ips);
     c.Start = 1, c.End = 2, c.AudioChannels = 3;
     EXPECT_EQ(dataPart(c),
               "<destinationipaddress>10.0.0.1</destinationipaddress><sourceipaddress>10.0.0.2</sourceipaddress>"
@@ -235,4 +238,29 @@ TEST(MediaCmdWriter, FreeString) {
     EXPECT_EQ(MediaCmdFreeXMLString(&text), 0u);
     EXPECT_EQ(MediaCmdToXMLString(&text, nullptr, 0), 0u);
     EXPECT_EQ(text, nullptr) << "nothing written, nothing stored";
+}
+
+TEST(MediaCmdWriter, TextIsThePrintedDocument) {
+    // The string form streams the text; it must match printing the document
+    // for every layout of the data area, and change the record alike.
+    std::mt19937 rng(7);
+    const int32_t kAlts[] = {-1, gsFramedata, gsMetadata, gsMetabasefilename, gsMetabasegettag, gsIpvideosettings,
+                             gsIpvideoclock, gsChannelname, gsQnvtype, gsPreviewframe, gsInsertqueue};
+    for (int i = 0; i < 300; ++i) {
+        MediaCmd c = record(rng() % 23);
+        c.Flags = rng();
+        c.CmdAlt = kAlts[i % std::size(kAlts)];
+        c.StructSize = 60 + rng() % 200;
+        c.Speed = int32_t(rng() % 3);
+        c.End = int32_t(rng() % 40);
+        for (size_t k = 0; k < 120; ++k) mctest::area(c)[k] = "ab$&<\0"[rng() % 6];
+        const auto tcType = uint8_t(rng());
+        MediaCmd viaDocument = c, viaText = c;
+        tinyxml2::XMLDocument doc;
+        MediaCmdToXML(&doc, &viaDocument, tcType);
+        tinyxml2::XMLPrinter printer(nullptr, true);
+        doc.Print(&printer);
+        ASSERT_EQ(toXml(viaText, tcType), printer.CStr());
+        ASSERT_EQ(std::memcmp(&viaDocument, &viaText, sizeof c), 0);
+    }
 }
