@@ -139,7 +139,8 @@ private:
     // guard: every write into the data area stays below the StructSize the
     // record had on entry, whatever sizes the text claims.
     uint64_t room(uint64_t offset) const { return offset < entrySize_ ? entrySize_ - offset : 0; }
-    // One byte of the data area; offsets in the header or past the end are refused.
+    // guard: single bytes go only into the data area; offsets in the header
+    // or past the end are refused.
     void poke(uint64_t offset, char value) {
         if (room(offset) > 0 && offset >= MEDIACMD_DATA_OFFSET) bytes()[offset] = value;
     }

@@ -290,7 +290,8 @@ private:
         std::string text;
         const char* type;
         if (cmd_->Flags & cfNoTCSpaces) {
-            uint32_t m = n * 4 / 3 + 4;
+            // guard: sized in 64 bits, so that no record size can wrap it.
+            uint64_t m = uint64_t(n) * 4 / 3 + 4;
             text.assign(m + m / 72 + 17, '\0');
             base64_encode(bytes, n, nullptr, text.data());
             type = "base64";
@@ -332,6 +333,7 @@ private:
                 decimalText(cmd_->Start);
             } else {
                 // The tag's data starts End + 1 bytes into the data area.
+                // guard: an offset before the record reads as empty.
                 int64_t offset = 76 + int64_t(cmd_->End) + 1;
                 out_.text(std::string(offset < 0 ? std::string_view() : data_.string(uint64_t(offset))).c_str());
             }
