@@ -65,6 +65,18 @@ SpeedRepsState g_reps;
 
 double fractionOf(double v) { return v - std::trunc(v); }
 
+// Moves the ASCII letters from..from+25 of each byte to to..to+25; bytes
+// outside (non-ASCII ones included) stay as they are.
+uint32_t mapFourcc(uint32_t fourcc, uint32_t from, uint32_t to) {
+    uint32_t out = 0;
+    for (int shift = 0; shift < 32; shift += 8) {
+        uint32_t b = fourcc >> shift & 0xFF;
+        if (b >= from && b < from + 26) b = b - from + to;
+        out |= b << shift;
+    }
+    return out;
+}
+
 }  // namespace
 
 namespace qnv {
@@ -214,24 +226,8 @@ uint32_t speedReps(uint32_t* frame, int32_t speed) {
     return reps;
 }
 
-uint32_t fourccToLower(uint32_t fourcc) {
-    uint32_t out = 0;
-    for (int shift = 0; shift < 32; shift += 8) {
-        uint32_t b = fourcc >> shift & 0xFF;
-        if (b >= 'A' && b <= 'Z') b += 'a' - 'A';
-        out |= b << shift;
-    }
-    return out;
-}
+uint32_t fourccToLower(uint32_t fourcc) { return mapFourcc(fourcc, 'A', 'a'); }
 
-uint32_t fourccToUpper(uint32_t fourcc) {
-    uint32_t out = 0;
-    for (int shift = 0; shift < 32; shift += 8) {
-        uint32_t b = fourcc >> shift & 0xFF;
-        if (b >= 'a' && b <= 'z') b -= 'a' - 'A';
-        out |= b << shift;
-    }
-    return out;
-}
+uint32_t fourccToUpper(uint32_t fourcc) { return mapFourcc(fourcc, 'a', 'A'); }
 
 }  // extern "C"

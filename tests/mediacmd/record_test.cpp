@@ -113,28 +113,37 @@ TEST(MediaCmdRecord, CopyStaysInsideSmallRecords) {
     ::operator delete(small);
 }
 
+namespace {
+// Name of a code, or "-" when the lookup fails.
+template <typename Lookup>
+std::string nameOf(Lookup lookup, uint32_t code) {
+    char text[32];
+    return lookup(code, text) == 0 ? std::string(text) : "-";
+}
+// Code of a name, or 0xDEAD when the lookup fails.
+template <typename Lookup>
+uint32_t codeOf(Lookup lookup, const char* name) {
+    uint32_t code = 0xDEAD;
+    return lookup(name, &code) == 0 ? code : 0xDEAD;
+}
+}  // namespace
+
 TEST(MediaCmdNames, FlagTableRowsAndFirstMatch) {
     ASSERT_EQ(qnv::flagNameTable().size(), 36u);
     EXPECT_STREQ(qnv::flagNameTable()[1].name, "overridedeferred");
     EXPECT_STREQ(qnv::flagNameTable()[34].name, "ignore");
-    char text[32];
-    uint32_t f = 0;
-    EXPECT_EQ(cfToString(0x4000, text), 0u);
-    EXPECT_STREQ(text, "copy");
-    EXPECT_EQ(cfToString(0x8000, text), 0u);
-    EXPECT_STREQ(text, "convert");
-    EXPECT_EQ(cfToString(0x08000000, text), 0u);
-    EXPECT_STREQ(text, "secondfield");
-    EXPECT_EQ(cfToString(0x40000000, text), 0u);
-    EXPECT_STREQ(text, "overridedeferred");
-    EXPECT_EQ(cfToString(0x30, text), 0xFFFFFFFFu);
-    EXPECT_EQ(cfFromString("IGNORE", &f), 0u);
-    EXPECT_EQ(f, 0x40000000u);
-    EXPECT_EQ(cfFromString("NoClipFiles", &f), 0u);
-    EXPECT_EQ(f, 0x4000u);
-    EXPECT_EQ(cfFromString("use", &f), 0xFFFFFFFFu) << "no prefix matches";
-    EXPECT_EQ(cfFromString("deferredx", nullptr), 0xFFFFFFFFu);
-    EXPECT_EQ(cfFromString(nullptr, &f), 0xFFFFFFFFu);
+    // Bits with two names give the first one listed.
+    EXPECT_EQ(nameOf(cfToString, 0x4000), "copy");
+    EXPECT_EQ(nameOf(cfToString, 0x8000), "convert");
+    EXPECT_EQ(nameOf(cfToString, 0x08000000), "secondfield");
+    EXPECT_EQ(nameOf(cfToString, 0x40000000), "overridedeferred");
+    EXPECT_EQ(nameOf(cfToString, 0x30), "-") << "no name for a combination";
+    EXPECT_EQ(codeOf(cfFromString, "IGNORE"), 0x40000000u);
+    EXPECT_EQ(codeOf(cfFromString, "NoClipFiles"), 0x4000u);
+    EXPECT_EQ(codeOf(cfFromString, "use"), 0xDEADu) << "no prefix matches";
+    EXPECT_EQ(codeOf(cfFromString, "deferredx"), 0xDEADu);
+    EXPECT_EQ(cfFromString(nullptr, nullptr), 0xFFFFFFFFu);
+    EXPECT_EQ(cfFromString("loop", nullptr), 0u);
     EXPECT_EQ(cfToString(0x80000000u, nullptr), 0u);
 }
 
@@ -146,19 +155,14 @@ TEST(MediaCmdNames, ValueTableRowsOrderAndFirstMatch) {
     EXPECT_EQ(index("recordnameflags") + 1, index("vidinputvalid"));
     EXPECT_EQ(table[index("proxyfiletype") + 1].code, 50021u);
     EXPECT_EQ(table.back().code, 0x7FFF0003u);
+    EXPECT_EQ(nameOf(gsToString, 20003), "sysdroppedframes");
+    EXPECT_EQ(codeOf(gsFromString, "DroppedFrames"), 20003u);
+    EXPECT_EQ(nameOf(gsToString, 50015), "proxyfilecompressiontype");
+    EXPECT_EQ(nameOf(gsToString, 64014), "-");
+    EXPECT_EQ(codeOf(gsFromString, "videoinputprefferedscantype"), 1048u);
+    EXPECT_EQ(codeOf(gsFromString, "userdata9"), 3009u);
     char text[32];
     uint32_t code = 0;
-    EXPECT_EQ(gsToString(20003, text), 0u);
-    EXPECT_STREQ(text, "sysdroppedframes");
-    EXPECT_EQ(gsFromString("DroppedFrames", &code), 0u);
-    EXPECT_EQ(code, 20003u);
-    EXPECT_EQ(gsToString(50015, text), 0u);
-    EXPECT_STREQ(text, "proxyfilecompressiontype");
-    EXPECT_EQ(gsToString(64014, text), 0xFFFFFFFFu);
-    EXPECT_EQ(gsFromString("videoinputprefferedscantype", &code), 0u);
-    EXPECT_EQ(code, 1048u);
-    EXPECT_EQ(gsFromString("userdata9", &code), 0u);
-    EXPECT_EQ(code, 3009u);
     // Every name leads to its code, and the code back to its first name.
     std::set<uint32_t> seen;
     size_t longest = 0;
