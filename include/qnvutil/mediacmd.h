@@ -685,8 +685,9 @@ QNV_API uint32_t MediaCmdFromXMLString(MediaCmd* cmd, uint32_t* tcType, const ch
 /* Appends the declaration and the "MediaCmd" element to `document`. */
 QNV_API uint32_t MediaCmdToXML(tinyxml2::XMLDocument* document, MediaCmd* cmd, uint8_t tcType);
 /* Reads `document` into a prepared record (flags are added to Flags) and
-   deletes the document on every path. Data-area writes stay below the
-   record's StructSize on entry. */
+   deletes the document on every path. Whatever sizes the text claims, writes
+   into the data area stay below the StructSize the record has on entry, and
+   StructSize never grows past that value. */
 QNV_API uint32_t MediaCmdFromXML(MediaCmd* cmd, uint32_t* tcType, tinyxml2::XMLDocument* document);
 #endif
 
