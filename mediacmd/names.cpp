@@ -58,10 +58,11 @@ constexpr CodeName kValueNames[] = {
 #undef QNV_VALUE_ROW
 };
 
+// By code: ctStop (0) to ctSwitch (21).
 constexpr const char* kCommandNames[kCommandCount] = {
-    "Stop",   "Pause",    "Play",     "Record",   "RecStop",        "Eject", "Transfer", "Insert",
-    "Blank",  "Delete",   "Trim",     "ChanSelect", "GetState",     "SetState", "GetValue", "SetValue",
-    "ValueSupported", "Error", "Terminate", "Abort", "Edit",        "Switch",
+    "Stop",           "Pause",  "Play",      "Record",     "RecStop",  "Eject",    "Transfer", "Insert",
+    "Blank",          "Delete", "Trim",      "ChanSelect", "GetState", "SetState", "GetValue", "SetValue",
+    "ValueSupported", "Error",  "Terminate", "Abort",      "Edit",     "Switch",
 };
 
 bool equalsIgnoreCase(std::string_view a, const char* b) {
