@@ -48,4 +48,6 @@ expect_error "$tool" captions "$sample" "$work/out.265" --cdp "$work/text" --cod
 expect_error "$tool" captions "$sample" "$work/out.265" --cdp "$work/missing"
 expect_error "$tool" timecode "$work/text" "$work/out.265" --start 01:00:00:00 --rate 25
 expect_error "$tool" timecode "$sample" "$work/out.265" --start 25:61:00:00 --rate 25
+expect_error "$tool" mediacmd read "$work/noise"
+expect_error "$tool" mediacmd xml --cmd bogus
 exit $fail
