@@ -9,7 +9,12 @@
 // final place and writes its length.
 #include <cstring>
 
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
+
 #include "qnvutil/h264.h"
+#include "qnvutil/h264/framing.h"
 
 namespace {
 
@@ -86,6 +91,41 @@ typedef uint64_t Words32 __attribute__((vector_size(32)));
     return kNone;
 }
 
+// The scan as a policy, so that the whole conversion is compiled once per
+// instruction set.
+struct GenericScan {
+    [[gnu::always_inline]] static uint32_t find(const uint8_t* data, uint32_t from, uint32_t last) {
+        return findZeroPair(data, from, last);
+    }
+};
+
+#if defined(__x86_64__)
+// The same scan with AVX2 compares and byte masks: per 64 bytes, four loads,
+// and one test of the lane-wise minimum of both halves for a zero byte.
+struct Avx2Scan {
+    __attribute__((target("avx2"))) static uint32_t find(const uint8_t* data, uint32_t from,
+                                                                             uint32_t last) {
+        const __m256i zero = _mm256_setzero_si256();
+        uint64_t q = from;
+        for (; q + 64 <= last; q += 64) {
+            const uint8_t* p = data + q;
+            const __m256i lo = _mm256_or_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)),
+                                               _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p + 1)));
+            const __m256i hi = _mm256_or_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p + 32)),
+                                               _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p + 33)));
+            if (_mm256_movemask_epi8(_mm256_cmpeq_epi8(_mm256_min_epu8(lo, hi), zero)) == 0) continue;
+            const uint32_t mlo = static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(lo, zero)));
+            if (mlo != 0) return static_cast<uint32_t>(q + __builtin_ctz(mlo));
+            const uint32_t mhi = static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(hi, zero)));
+            return static_cast<uint32_t>(q + 32 + __builtin_ctz(mhi));
+        }
+        for (; q <= last; ++q)
+            if (data[q] == 0 && data[q + 1] == 0) return static_cast<uint32_t>(q);
+        return kNone;
+    }
+};
+#endif
+
 // The pass from the front leaves, in the bytes of every start code but the
 // first, a link back to the previous code, so that the pass from the back
 // visits the codes without scanning again (a code's own bytes are known from
@@ -140,9 +180,10 @@ void followLink(const uint8_t* data, uint32_t* code, uint32_t* len, Conversion& 
 // The pass from the front over size >= 4 bytes: counts the codes and links
 // them. A start code must begin at or before size - 4; a three-byte code in
 // the last three bytes only adds one to the size.
+template <typename Scan>
 [[gnu::always_inline]] inline void plan(uint8_t* data, uint32_t size, Conversion& c) {
     uint32_t lastOne = 0;  // the 01 of the last code; bytes up to it may hold a link
-    for (uint32_t q = findZeroPair(data, 0, size - 3); q != kNone; q = findZeroPair(data, q + 1, size - 3)) {
+    for (uint32_t q = Scan::find(data, 0, size - 3); q != kNone; q = Scan::find(data, q + 1, size - 3)) {
         const uint32_t one = q + 2;
         if (data[one] != 1) continue;
         const bool four = one >= 3 && (c.codes == 0 || one - 3 > lastOne) && data[one - 3] == 0;
@@ -187,24 +228,42 @@ uint32_t tinyResult(const uint8_t* data, uint32_t size) {
     return size == 3 && data[0] == 0 && data[1] == 0 && data[2] == 1 ? 4 : size;
 }
 
-// Moves bytes [lo, hi) up by `shift`: long runs through memmove, short ones
-// (where a call costs more than the copy) from the top down in 32-byte blocks,
-// each loaded before any store can reach it.
+// Moves bytes [lo, hi) up by `shift` (0 < shift): long runs through memmove;
+// shorter ones from the top down in 32-byte blocks, with the lowest block (or
+// the two halves of a short run) loaded before any store can reach it.
+template <size_t kSize>
+[[gnu::always_inline]] inline void moveEnds(uint8_t* data, uint32_t lo, uint32_t hi, uint32_t shift) {
+    uint8_t head[kSize], tail[kSize];
+    std::memcpy(head, data + lo, kSize);
+    std::memcpy(tail, data + hi - kSize, kSize);
+    std::memcpy(data + hi - kSize + shift, tail, kSize);
+    std::memcpy(data + lo + shift, head, kSize);
+}
+
 [[gnu::always_inline]] inline void moveUp(uint8_t* data, uint32_t lo, uint32_t hi, uint32_t shift) {
-    if (hi - lo >= 4096) {
-        std::memmove(data + lo + shift, data + lo, hi - lo);
-        return;
-    }
-    uint32_t i = hi;
-    while (i - lo >= 32) {
-        i -= 32;
-        Bytes32 v;
-        std::memcpy(&v, data + i, 32);
-        std::memcpy(data + i + shift, &v, 32);
-    }
-    while (i > lo) {
-        --i;
-        data[i + shift] = data[i];
+    const uint32_t n = hi - lo;
+    if (n >= 4096) {
+        std::memmove(data + lo + shift, data + lo, n);
+    } else if (n > 32) {
+        Bytes32 head = load32(data + lo);
+        uint32_t i = hi;
+        while (i - lo > 32) {
+            i -= 32;
+            Bytes32 v = load32(data + i);
+            std::memcpy(data + i + shift, &v, 32);
+        }
+        std::memcpy(data + lo + shift, &head, 32);
+    } else if (n >= 16) {
+        moveEnds<16>(data, lo, hi, shift);
+    } else if (n >= 8) {
+        moveEnds<8>(data, lo, hi, shift);
+    } else if (n >= 4) {
+        moveEnds<4>(data, lo, hi, shift);
+    } else {
+        for (uint32_t i = hi; i > lo;) {
+            --i;
+            data[i + shift] = data[i];
+        }
     }
 }
 
@@ -235,9 +294,10 @@ uint32_t tinyResult(const uint8_t* data, uint32_t size) {
 
 // Converts a frame of size >= 4 when the result fits `capacity`; otherwise
 // leaves it as it was and returns kNone.
+template <typename Scan>
 [[gnu::always_inline]] inline uint32_t convert(uint8_t* data, uint32_t size, uint64_t capacity) {
     Conversion c;
-    plan(data, size, c);
+    plan<Scan>(data, size, c);
     if (c.newSize > capacity) {
         restore(data, c);
         return kNone;
@@ -245,11 +305,19 @@ uint32_t tinyResult(const uint8_t* data, uint32_t size) {
     return applyConversion(data, size, c);
 }
 
-uint32_t convertDefault(uint8_t* data, uint32_t size, uint64_t capacity) { return convert(data, size, capacity); }
+}  // namespace
+
+namespace qnv {
+uint32_t h264ConvertGeneric(uint8_t* data, uint32_t size, uint64_t capacity) {
+    return convert<GenericScan>(data, size, capacity);
+}
+}  // namespace qnv
+
+namespace {
 
 #if defined(__x86_64__) || defined(__i386__)
 __attribute__((target("avx2"))) uint32_t convertAvx2(uint8_t* data, uint32_t size, uint64_t capacity) {
-    return convert(data, size, capacity);
+    return convert<Avx2Scan>(data, size, capacity);
 }
 #endif
 
@@ -259,7 +327,7 @@ uint32_t convertFrame(uint8_t* data, uint32_t size, uint64_t capacity) {
 #if defined(__x86_64__) || defined(__i386__)
         if (__builtin_cpu_supports("avx2")) return static_cast<Convert>(convertAvx2);
 #endif
-        return static_cast<Convert>(convertDefault);
+        return static_cast<Convert>(qnv::h264ConvertGeneric);
     }();
     return best(data, size, capacity);
 }
