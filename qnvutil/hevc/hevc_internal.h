@@ -1,0 +1,27 @@
+// Internal entry points of the HEVC family: writers with an explicit
+// capacity and an optional field sink (qnvtool and the tests list records
+// through them), and the escape removal the readers share.
+#ifndef QNVUTIL_QNVUTIL_HEVC_HEVC_INTERNAL_H
+#define QNVUTIL_QNVUTIL_HEVC_HEVC_INTERNAL_H
+
+#include <cstdint>
+
+#include "qnvutil/hevc.h"
+#include "qnvutil/hevc/hevc_syntax.h"
+
+namespace qnv::hevc {
+
+// Each writes one NAL unit (no start code) at dst and returns its length, or
+// 0 when it would not fit in `capacity` bytes (nothing is written then).
+uint32_t writeVps(const HevcVpsRecord& record, uint8_t* dst, uint32_t capacity, FieldSink* sink = nullptr);
+uint32_t writeSps(const HevcSpsRecord& record, uint8_t* dst, uint32_t capacity, FieldSink* sink = nullptr);
+uint32_t writePps(const HevcPpsRecord& record, uint8_t* dst, uint32_t capacity, FieldSink* sink = nullptr);
+
+// Removes the 03 of every 00 00 03 that starts at or after byte `from` of
+// bytes[0, count), in place; resumes after each removed byte, so a removal
+// never joins zeros across it. Returns the number of bytes removed.
+uint32_t removeEmulationPrevention(uint8_t* bytes, uint32_t count, uint32_t from);
+
+}  // namespace qnv::hevc
+
+#endif
