@@ -5,6 +5,7 @@
 #define QNVUTIL_QNVUTIL_HEVC_HEVC_INTERNAL_H
 
 #include <cstdint>
+#include <string>
 
 #include "qnvutil/hevc.h"
 #include "qnvutil/hevc/hevc_syntax.h"
@@ -21,6 +22,17 @@ uint32_t writePps(const HevcPpsRecord& record, uint8_t* dst, uint32_t capacity, 
 // bytes[0, count), in place; resumes after each removed byte, so a removal
 // never joins zeros across it. Returns the number of bytes removed.
 uint32_t removeEmulationPrevention(uint8_t* bytes, uint32_t count, uint32_t from);
+
+// Parses one VPS, SPS or PPS unit (NAL header first, escapes included) with
+// the reading coder and hands every element to `sink`, with bit positions
+// counted from the NAL header of the unescaped unit. Returns the unit's
+// nal_unit_type, or 0 when it is not a parameter set.
+uint32_t listParameterSet(const uint8_t* unit, uint32_t size, FieldSink& sink);
+
+// The profile's name (range-extension profiles told apart by their
+// constraint flags) and the level as "5.1".
+const char* profileName(const HevcProfileTierLevel& ptl);
+std::string levelName(uint32_t levelIdc);
 
 }  // namespace qnv::hevc
 

@@ -195,6 +195,35 @@ uint32_t writePps(const HevcPpsRecord& record, uint8_t* dst, uint32_t capacity, 
         dst, capacity);
 }
 
+uint32_t listParameterSet(const uint8_t* unit, uint32_t size, FieldSink& sink) {
+    if (size < 2) return 0;
+    const uint32_t type = (unit[0] >> 1) & 63u;
+    if (type < kVpsType || type > kPpsType) return 0;
+    auto* copy = static_cast<uint8_t*>(QxAlloc(size + 8));
+    if (copy == nullptr) return 0;
+    std::memset(copy, 0, size + 8);
+    std::memcpy(copy, unit, size);
+    const uint32_t bytes = size - removeEmulationPrevention(copy, size, 2);
+    BitBuffer bb{copy, size + 8, bytes * 8, 16};
+    ReadCoder c(&bb, &sink);
+    if (type == kVpsType) {
+        HevcVpsRecord r{};
+        vpsPayload(c, r, nullptr, bb.sizeBits);
+    } else if (type == kSpsType) {
+        auto* r = static_cast<HevcSpsRecord*>(QxAlloc(sizeof(HevcSpsRecord)));
+        if (r != nullptr) {
+            std::memset(r, 0, sizeof *r);
+            spsPayload(c, *r, nullptr);
+            QxFree(r);
+        }
+    } else {
+        HevcPpsRecord r{};
+        ppsPayload(c, r);
+    }
+    QxFree(copy);
+    return type;
+}
+
 }  // namespace qnv::hevc
 
 using namespace qnv;

@@ -109,26 +109,9 @@ void compareWithTrace(const std::vector<Field>& fields, const TraceSection& trac
     EXPECT_GT(compared, 10u) << where;
 }
 
-// Parses the unit's RBSP with the reading coder and a sink.
 std::vector<Field> readListing(const std::vector<uint8_t>& unit) {
-    std::vector<uint8_t> rbsp(unit);
-    rbsp.resize(rbsp.size() - qnv::hevc::removeEmulationPrevention(rbsp.data(), static_cast<uint32_t>(rbsp.size()), 2));
-    rbsp.resize(rbsp.size() + 8, 0);
-    BitBuffer bb{rbsp.data(), static_cast<uint32_t>(rbsp.size()), static_cast<uint32_t>((rbsp.size() - 8) * 8), 16};
     Collect sink;
-    qnv::hevc::ReadCoder c(&bb, &sink);
-    const uint32_t type = (unit[0] >> 1) & 63;
-    if (type == 32) {
-        HevcVpsRecord r{};
-        qnv::hevc::vpsPayload(c, r, nullptr, bb.sizeBits);
-    } else if (type == 33) {
-        static HevcSpsRecord r;
-        r = HevcSpsRecord{};
-        qnv::hevc::spsPayload(c, r, nullptr);
-    } else {
-        HevcPpsRecord r{};
-        qnv::hevc::ppsPayload(c, r);
-    }
+    qnv::hevc::listParameterSet(unit.data(), static_cast<uint32_t>(unit.size()), sink);
     return sink.fields;
 }
 
