@@ -494,12 +494,17 @@ void scalingListData(C& c, S& s) {
 // only in slice headers), and a predicted set reads one flag pair fewer than
 // the standard (j < NumDeltaPocs instead of j <= NumDeltaPocs).
 inline bool readsDeltaIdx(uint32_t set, uint32_t numSets) { return set + 1 >= numSets; }
-inline uint32_t predictedPairs(const HevcShortTermRefPicSet& ref) {
-    return atMost(ref.num_negative_pics + ref.num_positive_pics, kPicsPerList);
-}
+
+// num_negative_pics + num_positive_pics of each set as its reference would
+// see them: the counts coded for an explicit set; for a predicted set, whose
+// counts the reader does not derive, the record's words as the caller left
+// them (the writer assumes a cleared record: 0).
+struct SetPictureCounts {
+    uint32_t sum[kMaxShortTermSets] = {};
+};
 
 template <class C, class S>
-void shortTermRefPicSet(C& c, S& s, uint32_t set, uint32_t numSets) {
+void shortTermRefPicSet(C& c, S& s, uint32_t set, uint32_t numSets, SetPictureCounts& counts) {
     auto& rps = s.st_ref_pic_set[set];
     const int32_t n = static_cast<int32_t>(set);
     uint32_t predicted = 0;
@@ -510,7 +515,8 @@ void shortTermRefPicSet(C& c, S& s, uint32_t set, uint32_t numSets) {
         c.u(1, rps.delta_rps_sign, {"delta_rps_sign", n});
         c.ue(rps.abs_delta_rps_minus1, {"abs_delta_rps_minus1", n});
         const uint32_t ref = set - (deltaIdxMinus1 + 1);
-        const uint32_t pairs = ref < kMaxShortTermSets ? predictedPairs(s.st_ref_pic_set[ref]) : 0;
+        const uint32_t pairs = ref < kMaxShortTermSets ? atMost(counts.sum[ref], kPicsPerList) : 0;
+        if constexpr (!C::kWriting) counts.sum[set] = rps.num_negative_pics + rps.num_positive_pics;
         for (uint32_t j = 0; j < pairs; ++j) {
             const int32_t m = static_cast<int32_t>(j);
             if (!c.u(1, rps.used_by_curr_pic_flag[j], {"used_by_curr_pic_flag", n, m}))
@@ -518,8 +524,10 @@ void shortTermRefPicSet(C& c, S& s, uint32_t set, uint32_t numSets) {
         }
         return;
     }
-    const uint32_t negative = atMost(c.ue(rps.num_negative_pics, {"num_negative_pics", n}), kPicsPerList);
-    const uint32_t positive = atMost(c.ue(rps.num_positive_pics, {"num_positive_pics", n}), kPicsPerList);
+    const uint32_t codedNegative = c.ue(rps.num_negative_pics, {"num_negative_pics", n});
+    const uint32_t codedPositive = c.ue(rps.num_positive_pics, {"num_positive_pics", n});
+    counts.sum[set] = codedNegative + codedPositive;
+    const uint32_t negative = atMost(codedNegative, kPicsPerList), positive = atMost(codedPositive, kPicsPerList);
     for (uint32_t i = 0; i < negative; ++i) {
         const int32_t m = static_cast<int32_t>(i);
         c.ue(rps.delta_poc_s0_minus1[i], {"delta_poc_s0_minus1", n, m});
@@ -654,7 +662,8 @@ Parse spsPayload(C& c, S& s, HevcConfigRecord* cfg) {
     }
     const uint32_t numSets = c.ue(s.num_short_term_ref_pic_sets, {"num_short_term_ref_pic_sets"});
     if (numSets > kMaxShortTermSets) return Parse::kFatal;
-    for (uint32_t set = 0; set < numSets; ++set) shortTermRefPicSet(c, s, set, numSets);
+    SetPictureCounts counts;
+    for (uint32_t set = 0; set < numSets; ++set) shortTermRefPicSet(c, s, set, numSets, counts);
 
     if (c.u(1, s.long_term_ref_pics_present_flag, {"long_term_ref_pics_present_flag"})) {
         const uint32_t count = atMost(c.ue(s.num_long_term_ref_pics_sps, {"num_long_term_ref_pics_sps"}), kLongTermEntries);
