@@ -163,36 +163,32 @@ uint32_t writeUnit(uint32_t type, Payload payload, uint8_t* dst, uint32_t capaci
     return tooLarge ? 0 : length;
 }
 
+// The payload of each record kind, for the writers.
+void encode(WriteCoder& c, const HevcVpsRecord& r) { vpsPayload(c, r, nullptr, 0); }
+void encode(WriteCoder& c, const HevcSpsRecord& r) { spsPayload(c, r, nullptr); }
+void encode(WriteCoder& c, const HevcPpsRecord& r) { ppsPayload(c, r); }
+
+template <class Record>
+uint32_t writeRecord(uint32_t type, const Record& record, uint8_t* dst, uint32_t capacity, FieldSink* sink) {
+    return writeUnit(
+        type,
+        [&](BitBuffer& bb) {
+            WriteCoder c(&bb, sink, 32);  // the sink counts from the NAL header
+            encode(c, record);
+        },
+        dst, capacity);
+}
+
 }  // namespace
 
 uint32_t writeVps(const HevcVpsRecord& record, uint8_t* dst, uint32_t capacity, FieldSink* sink) {
-    return writeUnit(
-        kVpsType,
-        [&](BitBuffer& bb) {
-            WriteCoder c(&bb, sink, 32);
-            vpsPayload(c, record, nullptr, 0);
-        },
-        dst, capacity);
+    return writeRecord(kVpsType, record, dst, capacity, sink);
 }
-
 uint32_t writeSps(const HevcSpsRecord& record, uint8_t* dst, uint32_t capacity, FieldSink* sink) {
-    return writeUnit(
-        kSpsType,
-        [&](BitBuffer& bb) {
-            WriteCoder c(&bb, sink, 32);
-            spsPayload(c, record, nullptr);
-        },
-        dst, capacity);
+    return writeRecord(kSpsType, record, dst, capacity, sink);
 }
-
 uint32_t writePps(const HevcPpsRecord& record, uint8_t* dst, uint32_t capacity, FieldSink* sink) {
-    return writeUnit(
-        kPpsType,
-        [&](BitBuffer& bb) {
-            WriteCoder c(&bb, sink, 32);
-            ppsPayload(c, record);
-        },
-        dst, capacity);
+    return writeRecord(kPpsType, record, dst, capacity, sink);
 }
 
 uint32_t listParameterSet(const uint8_t* unit, uint32_t size, FieldSink& sink) {
