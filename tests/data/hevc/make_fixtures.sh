@@ -68,3 +68,81 @@ encode vui yuv420p 64x72 3 --sar 4:3 --overscan show --videoformat pal --range f
     --transfer bt709 --colormatrix bt709 --chromaloc 1 --display-window 0,0,0,8
 
 ffmpeg -v error -i main.265 -c copy -f mp4 -y main.mp4
+
+# rps.265: main.265 with its SPS replaced by a hand-built one that uses what
+# x265 never writes: two sub-layers with sub-layer profile and level,
+# a conformance window, PCM, explicit short-term sets, long-term pictures,
+# VUI HRD with sub-picture parameters, bitstream restrictions and the range
+# extension flags. Only its parameter sets are of interest (the slices do not
+# match it).
+python3 - <<'PY'
+class Bits:
+    def __init__(self):
+        self.bits = []
+    def u(self, n, v):
+        self.bits += [(v >> (n - 1 - i)) & 1 for i in range(n)]
+        return self
+    def ue(self, v):
+        x = v + 1
+        return self.u(x.bit_length() - 1, 0).u(x.bit_length(), x)
+    def nal(self):
+        self.u(1, 1)
+        while len(self.bits) % 8:
+            self.u(1, 0)
+        raw = [int("".join(map(str, self.bits[i:i + 8])), 2) for i in range(0, len(self.bits), 8)]
+        out, zeros = bytearray(), 0
+        for b in raw:
+            if zeros >= 2 and b <= 3:
+                out.append(3)
+                zeros = 0
+            out.append(b)
+            zeros = zeros + 1 if b == 0 else 0
+        return bytes(out)
+
+s = Bits().u(16, 0x4201)
+s.u(4, 0).u(3, 1).u(1, 1)                                      # vps id, 2 sub-layers, nesting
+s.u(8, 0x01).u(32, 0x60000000).u(48, 0x900000000000).u(8, 93)  # general profile, level 3.1
+s.u(1, 1).u(1, 1)                                              # sub-layer 0 profile and level present
+for _ in range(1, 8):
+    s.u(2, 0)
+s.u(8, 0x01).u(32, 0x60000000).u(4, 0x9).u(44, 0).u(8, 90)     # sub-layer 0 profile, level 3
+s.ue(0).ue(1).ue(64).ue(64)                                    # sps id, 4:2:0, 64x64
+s.u(1, 1).ue(0).ue(2).ue(0).ue(4)                              # conformance window
+s.ue(0).ue(0).ue(4).u(1, 1)                                    # bit depths, poc lsb 8 bits, ordering
+for _ in range(2):
+    s.ue(4).ue(2).ue(5)
+s.ue(0).ue(3).ue(0).ue(3).ue(1).ue(1)                          # block sizes
+s.u(1, 0).u(1, 1).u(1, 1).u(1, 1)                              # scaling, amp, sao, pcm
+s.u(4, 7).u(4, 7).ue(0).ue(1).u(1, 1)
+s.ue(3)                                                        # three explicit short-term sets
+for negative, positive in ((2, 1), (1, 0), (3, 2)):
+    if (negative, positive) != (2, 1):
+        s.u(1, 0)                                              # inter_ref_pic_set_prediction_flag
+    s.ue(negative).ue(positive)
+    for i in range(negative + positive):
+        s.ue(i % 3).u(1, (i + 1) % 2)
+s.u(1, 1).ue(2).u(8, 17).u(1, 1).u(8, 200).u(1, 0)             # long-term pictures
+s.u(1, 1).u(1, 1).u(1, 1)                                      # tmvp, smoothing, VUI
+s.u(1, 1).u(8, 255).u(16, 4).u(16, 3)                          # SAR 4:3
+s.u(1, 0).u(1, 1).u(3, 5).u(1, 0).u(1, 1).u(8, 1).u(8, 1).u(8, 1)
+s.u(1, 1).ue(1).ue(1).u(1, 0).u(1, 0).u(1, 0).u(1, 0)          # chroma location, no window
+s.u(1, 1).u(32, 1).u(32, 25).u(1, 1).ue(0).u(1, 1)             # timing, HRD
+s.u(1, 1).u(1, 0).u(1, 1).u(8, 23).u(5, 4).u(1, 1).u(5, 6)     # NAL HRD with sub-picture parameters
+s.u(4, 1).u(4, 2).u(4, 3).u(5, 23).u(5, 15).u(5, 9)
+for layer in range(2):
+    s.u(1, 0).u(1, 0).u(1, 1)                                  # low delay, one CPB
+    s.ue(999).ue(1999).ue(0).ue(0).u(1, 1)
+s.u(1, 1).u(1, 0).u(1, 1).u(1, 0).ue(0).ue(2).ue(1).ue(15).ue(15)  # bitstream restrictions
+s.u(1, 1).u(1, 1).u(1, 0).u(1, 0).u(1, 0).u(4, 0)              # range extension only
+for flag in (0, 1, 1, 0, 0, 1, 0, 0, 0):
+    s.u(1, flag)
+sps = s.nal()
+
+data = open("main.265", "rb").read()
+start = data.index(b"\x00\x00\x01\x42") + 3
+end = data.index(b"\x00\x00\x01", start)
+while data[end - 1] == 0:
+    end -= 1
+open("rps.265", "wb").write(data[:start] + sps + data[end:])
+PY
+trace rps.265 rps.trace
