@@ -69,8 +69,9 @@ encode vui yuv420p 64x72 3 --sar 4:3 --overscan show --videoformat pal --range f
 
 ffmpeg -v error -i main.265 -c copy -f mp4 -y main.mp4
 
-# rps.265: main.265 with its SPS replaced by a hand-built one that uses what
-# x265 never writes: two sub-layers with sub-layer profile and level,
+# rps.265: main.265 with its VPS and SPS replaced by hand-built ones that use
+# what x265 never writes: VPS timing and HRD parameters (which the VPS record
+# does not keep); two sub-layers with sub-layer profile and level,
 # a conformance window, PCM, explicit short-term sets, long-term pictures,
 # VUI HRD with sub-picture parameters, bitstream restrictions and the range
 # extension flags. Only its parameter sets are of interest (the slices do not
@@ -138,11 +139,32 @@ for flag in (0, 1, 1, 0, 0, 1, 0, 0, 0):
     s.u(1, flag)
 sps = s.nal()
 
+v = Bits().u(16, 0x4001)
+v.u(4, 0).u(2, 3).u(6, 0).u(3, 1).u(1, 1).u(16, 0xFFFF)       # 2 sub-layers
+v.u(8, 0x01).u(32, 0x60000000).u(48, 0x900000000000).u(8, 93)
+v.u(1, 0).u(1, 1)
+for _ in range(1, 8):
+    v.u(2, 0)
+v.u(8, 90)                                                     # sub_layer_level_idc[0]
+v.u(1, 0).ue(4).ue(2).ue(5)                                    # ordering of the highest sub-layer
+v.u(6, 0).ue(0)                                                # max_layer_id, layer sets
+v.u(1, 1).u(32, 1).u(32, 25).u(1, 1).ue(1).ue(1)               # timing, ticks, one HRD
+v.ue(0)                                                        # hrd_layer_set_idx
+v.u(1, 1).u(1, 0).u(1, 0).u(4, 1).u(4, 2).u(5, 23).u(5, 15).u(5, 9)
+for layer in range(2):
+    v.u(1, 1).ue(0).ue(0)                                      # fixed rate, duration, one CPB
+    v.ue(999).ue(1999).u(1, 0)
+v.u(1, 0)
+vps = v.nal()
+
+def replace(data, header, unit):
+    start = data.index(b"\x00\x00\x01" + header) + 3
+    end = data.index(b"\x00\x00\x01", start)
+    while data[end - 1] == 0:
+        end -= 1
+    return data[:start] + unit + data[end:]
+
 data = open("main.265", "rb").read()
-start = data.index(b"\x00\x00\x01\x42") + 3
-end = data.index(b"\x00\x00\x01", start)
-while data[end - 1] == 0:
-    end -= 1
-open("rps.265", "wb").write(data[:start] + sps + data[end:])
+open("rps.265", "wb").write(replace(replace(data, b"\x42", sps), b"\x40", vps))
 PY
 trace rps.265 rps.trace
