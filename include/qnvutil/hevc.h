@@ -477,7 +477,11 @@ typedef struct HevcFrameContext {
    than the capacity is not copied and leaves its size at 0). The first 1024
    bytes of each prefix SEI unit are unescaped and their pic_timing (type 1),
    T.35 caption (type 4) and recovery_point (type 6) payloads noted in the
-   context. Result: the number of NAL units walked (0 when frame is null). */
+   context; other SEI payloads are skipped. Every unit, end of sequence and
+   bitstream, filler data and suffix SEI included, is stepped over to the
+   next start code. Each parse merges into a configuration record of the
+   scan's own; the caller's records are not cleared first. Result: the number
+   of NAL units walked (0 when frame is null). */
 QNV_API uint32_t qnvutilFindNalUnitsHevc(HevcFrameContext* frame, HevcVpsRecord* vps, HevcSpsRecord* sps,
                                          HevcPpsRecord* pps, uint8_t* vpsOut, uint32_t* vpsOutSize,
                                          uint8_t* spsOut, uint32_t* spsOutSize, uint8_t* ppsOut,

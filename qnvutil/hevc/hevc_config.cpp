@@ -167,7 +167,7 @@ uint32_t qnvutilWrite_HEVC_CR(BitBuffer* out, HevcConfigRecord* config, uint8_t*
         int32_t size;
     } arrays[] = {{kVpsType, vpsNal, vpsSize}, {kSpsType, spsNal, spsSize}, {kPpsType, ppsNal, ppsSize}};
     for (const auto& a : arrays) {
-        if (a.size <= 0 || a.nal == nullptr) continue;
+        if (a.size <= 0 || a.nal == nullptr) continue;  // guard: a unit without bytes is left out
         WriteBits(out, 1, 1);  // array_completeness
         WriteBits(out, 1, 0);
         WriteBits(out, 6, static_cast<int32_t>(a.type));
@@ -196,6 +196,7 @@ void inspectPicTiming(BitBuffer* bb, const HevcSpsRecord* sps, HevcFrameContext*
         frame->sourceScanType = ReadBits(bb, 2);
         frame->duplicateFlag = ReadBits(bb, 1);
     }
+    // guard: delay lengths above 32 bits (only from a malformed SPS) read 32
     if (sps->vui_hrd_parameters_present_flag &&
         (sps->nal_hrd_parameters_present_flag || sps->vcl_hrd_parameters_present_flag)) {
         frame->auCpbRemovalDelayMinus1 = ReadBits(bb, atMost(sps->au_cpb_removal_delay_length_minus1 + 1, 32));

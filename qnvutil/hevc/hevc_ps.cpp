@@ -74,19 +74,20 @@ uint32_t readUnit(const UnitKind& kind, BitBuffer* reader, bool haveRecord, uint
                   Finish finish) {
     if (!haveRecord || reader == nullptr || reader->sizeBytes == 0) return 0;
     const uint32_t callerBits = bitLength ? bitLength : reader->sizeBits;
-    const uint32_t bytes = callerBits / 8;
+    const uint32_t first = reader->bitPos / 8;
+    // guard: only bytes that exist in the reader's buffer are copied (and
+    // allocated for); the rest of the unit reads as zeros
+    const uint32_t available = reader->sizeBytes > first ? reader->sizeBytes - first : 0;
+    const uint32_t bytes = atMost(callerBits / 8, available);
     // Twice the unit, plus the spare bytes the bit reader may look at.
     const uint32_t scratchSize = 2 * bytes + 8;
     auto* scratch = static_cast<uint8_t*>(QxAlloc(scratchSize));
     if (scratch == nullptr) return 0xFFFFFFFFu;
     std::memset(scratch, 0, scratchSize);
-    const uint32_t first = reader->bitPos / 8;
-    // guard: never copy beyond the reader's buffer
-    const uint32_t available = reader->sizeBytes > first ? reader->sizeBytes - first : 0;
-    std::memcpy(scratch, reader->data + first, bytes < available ? bytes : available);
+    std::memcpy(scratch, reader->data + first, bytes);
 
     uint32_t removed = 0;
-    if (bytes > kind.unescapeAbove) removed = removeEmulationPrevention(scratch, bytes, kind.unescapeFrom);
+    if (callerBits / 8 > kind.unescapeAbove) removed = removeEmulationPrevention(scratch, bytes, kind.unescapeFrom);
     BitBuffer local{scratch, scratchSize, callerBits - 8 * removed, 0};
 
     ReadBits(&local, 1);  // forbidden_zero_bit

@@ -667,7 +667,7 @@ Parse spsPayload(C& c, S& s, HevcConfigRecord* cfg) {
 
     if (c.u(1, s.long_term_ref_pics_present_flag, {"long_term_ref_pics_present_flag"})) {
         const uint32_t count = atMost(c.ue(s.num_long_term_ref_pics_sps, {"num_long_term_ref_pics_sps"}), kLongTermEntries);
-        const uint32_t bits = atMost(pocLsbBits, 32);
+        const uint32_t bits = atMost(pocLsbBits, 32);  // guard: a field is at most 32 bits wide
         for (uint32_t i = 0; i < count; ++i) {
             const int32_t n = static_cast<int32_t>(i);
             c.u(bits, s.lt_ref_pic_sps[i].lt_ref_pic_poc_lsb_sps, {"lt_ref_pic_poc_lsb_sps", n});
