@@ -148,8 +148,10 @@ namespace {
 // A box around a record: size, 'hvcC', payload.
 std::vector<uint8_t> boxed(const std::vector<uint8_t>& payload) {
     const uint32_t size = static_cast<uint32_t>(payload.size() + 8);
-    std::vector<uint8_t> box = {uint8_t(size >> 24), uint8_t(size >> 16), uint8_t(size >> 8), uint8_t(size), 'h', 'v', 'c', 'C'};
-    box.insert(box.end(), payload.begin(), payload.end());
+    std::vector<uint8_t> box(size);
+    const uint8_t header[8] = {uint8_t(size >> 24), uint8_t(size >> 16), uint8_t(size >> 8), uint8_t(size), 'h', 'v', 'c', 'C'};
+    std::memcpy(box.data(), header, 8);
+    std::memcpy(box.data() + 8, payload.data(), payload.size());
     return box;
 }
 
