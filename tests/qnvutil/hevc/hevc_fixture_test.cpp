@@ -225,21 +225,10 @@ std::vector<uint8_t> splice(const std::vector<uint8_t>& data) {
     return out;
 }
 
-std::string run(const std::string& command) {
-    std::string result;
-    FILE* p = popen(command.c_str(), "r");
-    if (!p) return result;
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0) result.append(buf, n);
-    pclose(p);
-    return result;
-}
-
 }  // namespace
 
 TEST(HevcFixtures, SplicedParameterSetsDecodeToTheSameFrames) {
-    if (run("command -v ffmpeg").empty()) GTEST_SKIP() << "ffmpeg is not installed";
+    if (runCommand("command -v ffmpeg").empty()) GTEST_SKIP() << "ffmpeg is not installed";
     const std::string dir = std::string(QNV_BINARY_DIR) + "/hevc_splice";
     std::system(("mkdir -p " + dir).c_str());
     for (const char* name : kStreams) {
@@ -255,8 +244,8 @@ TEST(HevcFixtures, SplicedParameterSetsDecodeToTheSameFrames) {
         std::fwrite(spliced.data(), 1, spliced.size(), f);
         std::fclose(f);
         const std::string decode = "ffmpeg -v error -f hevc -i ";
-        const std::string original = run(decode + QNV_TEST_DATA "/hevc/" + stream + ".265 -f framemd5 - 2>&1");
-        const std::string rewritten = run(decode + path + " -f framemd5 - 2>&1");
+        const std::string original = runCommand(decode + QNV_TEST_DATA "/hevc/" + stream + ".265 -f framemd5 - 2>&1");
+        const std::string rewritten = runCommand(decode + path + " -f framemd5 - 2>&1");
         EXPECT_NE(original.find("0,"), std::string::npos) << stream << ": " << original;
         EXPECT_EQ(original, rewritten) << stream;
     }

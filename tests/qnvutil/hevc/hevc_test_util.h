@@ -4,6 +4,7 @@
 #define QNVUTIL_TESTS_HEVC_TEST_UTIL_H
 
 #include <cstdint>
+#include <cstdio>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -47,6 +48,18 @@ inline std::vector<Unit> annexBUnits(const std::vector<uint8_t>& s) {
     }
     close(s.size());
     return units;
+}
+
+// Standard output of a shell command.
+inline std::string runCommand(const std::string& command) {
+    std::string result;
+    if (FILE* p = popen(command.c_str(), "r")) {
+        char buf[4096];
+        size_t n;
+        while ((n = fread(buf, 1, sizeof buf, p)) > 0) result.append(buf, n);
+        pclose(p);
+    }
+    return result;
 }
 
 // Collects diagnostic lines while alive.
