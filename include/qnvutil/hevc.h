@@ -40,6 +40,7 @@
 #include <stdint.h>
 
 #include "qnvutil/bitbuffer.h"
+#include "qnvutil/dframe.h"
 #include "qnvutil/export.h"
 
 QNV_BEGIN_C
@@ -486,6 +487,67 @@ QNV_API uint32_t qnvutilFindNalUnitsHevc(HevcFrameContext* frame, HevcVpsRecord*
                                          HevcPpsRecord* pps, uint8_t* vpsOut, uint32_t* vpsOutSize,
                                          uint8_t* spsOut, uint32_t* spsOutSize, uint8_t* ppsOut,
                                          uint32_t* ppsOutSize);
+
+/* ---- Field pairs ----------------------------------------------------------------- */
+
+/* DFrame.frameFlags: with both bits set the frame holds two coded fields, the
+   second one's NAL units beginning at secondFieldOffset. */
+#define HEVC_FRAME_FIRST_FIELD 0x20000u
+#define HEVC_FRAME_SECOND_FIELD 0x40000u
+
+/* Results of qnvutilSetFrameInterlaced. */
+#define HEVC_INTERLACE_OK 0u
+/* A record or a buffer is missing, the source's frameSize exceeds its
+   frameCapacity, the source and destination buffers overlap, or memory for
+   the work records is short: nothing is read or written. */
+#define HEVC_INTERLACE_BAD_ARGUMENT 0xFFFFFFFFu
+/* Done, but a parameter set that did not parse was copied as it stands. */
+#define HEVC_INTERLACE_PS_COPIED 0xFFFFFFFEu
+/* The frame did not fit in the destination's frameCapacity. */
+#define HEVC_INTERLACE_NO_ROOM 0xFFFFFF9Au /* -102 */
+
+/* Copies the HEVC frame `source` (Annex B, start codes) into `destination`
+   and, when the source's frameFlags has both field bits, re-flags it as a
+   pair of field pictures:
+    - every VPS, SPS and PPS is parsed and written anew from its record
+      behind a start code of its source length; in a field pair a VPS or SPS
+      whose general_progressive_source_flag is 1 is marked interlaced
+      (progressive 0, interlaced 1, non-packed and frame-only constraints 0),
+      and such an SPS also gets a 1:2 sample aspect ratio (Extended_SAR),
+      field_seq_flag and frame_field_info_present_flag 1, no VUI HRD
+      parameters, vui_parameters_present_flag 1, au_cpb_removal_delay and
+      dpb_output_delay lengths minus 1 of 1, and, when it is 1920x544 without
+      a conformance window, a window cropping 4 lines at the bottom (the
+      1920x540 field of a 1080-line frame);
+    - `sps` (optional; no unit is written from it), for a field pair, is
+      edited in place the same way except that the two delay lengths minus 1
+      are set to 0 and its vui_parameters_present_flag is left as it is;
+    - in a field pair, each field's first slice is preceded by a pic_timing
+      SEI (its own NAL unit, 00 00 00 01 first) with pic_struct 11 (top field,
+      paired with the next bottom field) for the first field and 10 (bottom
+      field, paired with the previous top field) for the second,
+      source_scan_type 0 (interlaced), duplicate_flag 0 and no HRD delays,
+      which suits the SPS that the function writes; and the source's
+      buffering_period, pic_timing and decoding_unit_info messages, coded for
+      the source SPS, are taken out of its prefix SEI units (a unit left
+      without messages is dropped). When the frame carries an SPS that was
+      not re-flagged (it already said interlaced) and whose pic_timing has
+      other fields (HRD delays, or no frame_field_info_present_flag), the
+      source's SEI stay and none is added. No other SEI is added.
+   Units of other types are copied as they stand. Units keep their order and
+   their start code length; bytes outside units (before the first start code,
+   extra zero bytes, a remainder of under 4 bytes) are not copied. The second
+   field begins with the first unit whose NAL header lies at or after
+   secondFieldOffset.
+   destination->frameSize is the length written. The function reads only
+   source->frameData[0, frameSize) and writes only destination->frameData
+   [0, frameCapacity): allow the source size plus 64 bytes per parameter set
+   and 10 per field. It allocates one block for its six parameter-set
+   records (about 58 KB) per call.
+   Result: HEVC_INTERLACE_OK or _PS_COPIED; _BAD_ARGUMENT and _NO_ROOM leave
+   destination->frameSize 0 (after _NO_ROOM the bytes of frameData are
+   unspecified). Failures are reported through ErrOut. */
+QNV_API uint32_t qnvutilSetFrameInterlaced(const DFrame* source, DFrame* destination, HevcSpsRecord* sps);
 
 QNV_END_C
 
