@@ -66,20 +66,20 @@ Result interlace(const Data& frame, uint32_t flags, uint32_t secondField, HevcSp
     return {status, Data(buffer.begin(), buffer.begin() + dst.frameSize)};
 }
 
-std::unique_ptr<HevcSpsRecord> readSps(const Data& unit) {
-    auto sps = std::make_unique<HevcSpsRecord>();
+template <class Record>
+std::unique_ptr<Record> parse(uint32_t (*read)(BitBuffer*, Record*, HevcConfigRecord*, uint32_t), const Data& unit) {
+    auto record = std::make_unique<Record>();
     BitBuffer bb{const_cast<uint8_t*>(unit.data()), static_cast<uint32_t>(unit.size()),
                  static_cast<uint32_t>(unit.size() * 8), 0};
-    EXPECT_NE(qnvutilRead_HEVC_SPS(&bb, sps.get(), nullptr, 0), 0xFFFFFFFFu);
-    return sps;
+    EXPECT_NE(read(&bb, record.get(), nullptr, 0), 0xFFFFFFFFu);
+    return record;
 }
-HevcVpsRecord readVps(const Data& unit) {
-    HevcVpsRecord vps{};
-    BitBuffer bb{const_cast<uint8_t*>(unit.data()), static_cast<uint32_t>(unit.size()),
-                 static_cast<uint32_t>(unit.size() * 8), 0};
-    EXPECT_NE(qnvutilRead_HEVC_VPS(&bb, &vps, nullptr, 0), 0xFFFFFFFFu);
-    return vps;
+std::unique_ptr<HevcSpsRecord> readSps(const Data& unit) { return parse(qnvutilRead_HEVC_SPS, unit); }
+std::vector<uint32_t> sourceFlags(const HevcProfileTierLevel& p) {
+    return {p.general_progressive_source_flag, p.general_interlaced_source_flag,
+            p.general_non_packed_constraint_flag, p.general_frame_only_constraint_flag};
 }
+const std::vector<uint32_t> kInterlacedSource = {0, 1, 0, 0};
 Data writeSps(const HevcSpsRecord& sps) {
     Data unit(QNV_HEVC_PS_MAX_BYTES);
     unit.resize(qnvutilWrite_HEVC_SPS(&sps, unit.data()));
@@ -113,29 +113,19 @@ TEST_F(Interlace, FieldPairGetsFieldSignallingAndOnePicTimingPerField) {
     const Result r = interlace(pair, kPair, second);
     ASSERT_EQ(r.status, HEVC_INTERLACE_OK);
     const std::vector<Data> in = unitsOf(pair), out = unitsOf(r.out);
-    ASSERT_EQ(out.size(), 7u);
-    EXPECT_EQ(out[2], in[2]);  // PPS
-    EXPECT_EQ(out[3], kTopField);
-    EXPECT_EQ(out[4], in[3]);
-    EXPECT_EQ(out[5], kBottomField);
-    EXPECT_EQ(out[6], in[4]);
+    ASSERT_EQ(out.size(), 7u);  // VPS, SPS, then as follows:
+    EXPECT_EQ(std::vector<Data>(out.begin() + 2, out.end()),
+              std::vector<Data>({in[2], kTopField, in[3], kBottomField, in[4]}));
 
-    const HevcVpsRecord vps = readVps(out[0]);
     const std::unique_ptr<HevcSpsRecord> before = readSps(in[1]), sps = readSps(out[1]);
-    for (const HevcProfileTierLevel* ptl : {&vps.ptl, const_cast<const HevcProfileTierLevel*>(&sps->ptl)}) {
-        EXPECT_EQ(ptl->general_progressive_source_flag, 0u);
-        EXPECT_EQ(ptl->general_interlaced_source_flag, 1u);
-        EXPECT_EQ(ptl->general_non_packed_constraint_flag, 0u);
-        EXPECT_EQ(ptl->general_frame_only_constraint_flag, 0u);
-    }
-    EXPECT_EQ(sps->vui_parameters_present_flag, 1u);
-    EXPECT_EQ(sps->aspect_ratio_idc, 255u);
-    EXPECT_EQ(sps->sar_width, 1u);
-    EXPECT_EQ(sps->sar_height, 2u);
-    EXPECT_EQ(sps->field_seq_flag, 1u);
-    EXPECT_EQ(sps->frame_field_info_present_flag, 1u);
-    EXPECT_EQ(sps->vui_hrd_parameters_present_flag, 0u);
-    EXPECT_EQ(sps->conformance_window_flag, 0u);  // 64x64
+    EXPECT_EQ(sourceFlags(parse(qnvutilRead_HEVC_VPS, out[0])->ptl), kInterlacedSource);
+    EXPECT_EQ(sourceFlags(sps->ptl), kInterlacedSource);
+    // VUI, Extended_SAR 1:2, field_seq_flag, frame_field_info_present_flag,
+    // no HRD; no conformance window at 64x64
+    EXPECT_EQ(std::vector<uint32_t>({sps->vui_parameters_present_flag, sps->aspect_ratio_idc, sps->sar_width,
+                                     sps->sar_height, sps->field_seq_flag, sps->frame_field_info_present_flag,
+                                     sps->vui_hrd_parameters_present_flag, sps->conformance_window_flag}),
+              std::vector<uint32_t>({1, 255, 1, 2, 1, 1, 0, 0}));
     EXPECT_EQ(sps->vui_time_scale, before->vui_time_scale);
 
     // Rewriting the result again changes nothing: its VPS and SPS already say interlaced.
@@ -174,14 +164,14 @@ TEST_F(Interlace, CallerRecordTakesItsOwnFormOfTheEdits) {
 
     const Result r = interlace(main[3], kPair, 0xFFFF, sps.get());
     EXPECT_EQ(r.out, join({withStartCode(kTopField), main[3]}));
-    EXPECT_EQ(sps->au_cpb_removal_delay_length_minus1, 0u);
-    EXPECT_EQ(sps->dpb_output_delay_length_minus1, 0u);
-    EXPECT_EQ(sps->vui_parameters_present_flag, 0u);
-    EXPECT_EQ(sps->vui_hrd_parameters_present_flag + sps->nal_hrd_parameters_present_flag, 0u);
-    EXPECT_EQ(sps->field_seq_flag + sps->frame_field_info_present_flag, 2u);
-    EXPECT_EQ(sps->sar_height, 2u);
-    EXPECT_EQ(sps->ptl.general_interlaced_source_flag, 1u);
-    EXPECT_EQ(sps->conf_win_bottom_offset, 2u);
+    // delay lengths 0, VUI flag kept, no HRD, field_seq_flag and
+    // frame_field_info_present_flag, 1:2, conformance window
+    EXPECT_EQ(std::vector<uint32_t>({sps->au_cpb_removal_delay_length_minus1, sps->dpb_output_delay_length_minus1,
+                                     sps->vui_parameters_present_flag, sps->vui_hrd_parameters_present_flag,
+                                     sps->nal_hrd_parameters_present_flag, sps->field_seq_flag,
+                                     sps->frame_field_info_present_flag, sps->sar_height, sps->conf_win_bottom_offset}),
+              std::vector<uint32_t>({0, 0, 0, 0, 0, 1, 1, 2, 2}));
+    EXPECT_EQ(sourceFlags(sps->ptl), kInterlacedSource);
 }
 
 TEST_F(Interlace, ParameterSetsThatAlreadySayInterlacedAreWrittenBackUnchanged) {
