@@ -239,6 +239,9 @@ private:
     void beforeSlice();
     void rewriteParameterSet(uint32_t type, const uint8_t* unit, uint32_t size, uint32_t startCode);
     void prefixSei(const uint8_t* unit, uint32_t size, uint32_t startCode);
+    // Whether the SPS in force takes the pic_timing written here. Without an
+    // SPS written in this call it is taken to be one re-flagged for an earlier
+    // frame, as the caller's record is.
     bool fieldTiming() const { return !spsWritten_ || takesFieldTiming(work_.spsWritten); }
 
     const DFrame& src_;
@@ -308,6 +311,15 @@ void FrameRewrite::beforeSlice() {
 }
 
 void FrameRewrite::rewriteParameterSet(uint32_t type, const uint8_t* unit, uint32_t size, uint32_t startCode) {
+    // A unit that is not parsed, or whose record the writer refuses, goes on
+    // as it stands; the SPS in force is then not known.
+    auto asItStands = [&] {
+        copy(unit, size, startCode);
+        status_ = HEVC_INTERLACE_PS_COPIED;
+        if (type == kSpsType) spsWritten_ = false;
+    };
+    // guard: a unit whose length in bits does not fit 32 bits is not parsed
+    if (size >= (1u << 29)) return asItStands();
     // The readers copy no more than sizeBytes from the unit.
     BitBuffer in{const_cast<uint8_t*>(unit), size, size * 8, 0};
     uint32_t read = 0;
@@ -335,12 +347,8 @@ void FrameRewrite::rewriteParameterSet(uint32_t type, const uint8_t* unit, uint3
             out_.markFull();
             return;
         }
-        // Not parsed (or refused by the writer): the unit goes on as it stands.
         out_.truncate(mark);
-        copy(unit, size, startCode);
-        status_ = HEVC_INTERLACE_PS_COPIED;
-        if (type == kSpsType) spsWritten_ = false;  // the SPS in force is not known
-        return;
+        return asItStands();
     }
     BitBuffer back{out_.end(), written, written * 8, 0};
     if (type == kVpsType) qnvutilRead_HEVC_VPS(&back, &work_.vpsWritten, nullptr, written * 8);
