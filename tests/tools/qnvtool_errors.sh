@@ -50,4 +50,5 @@ expect_error "$tool" timecode "$work/text" "$work/out.265" --start 01:00:00:00 -
 expect_error "$tool" timecode "$sample" "$work/out.265" --start 25:61:00:00 --rate 25
 expect_error "$tool" mediacmd read "$work/noise"
 expect_error "$tool" mediacmd xml --cmd bogus
+expect_error "$tool" interlace "$work/text" "$work/out.265"
 exit $fail
