@@ -97,11 +97,15 @@ protected:
  *   <EdlList EdlName="..." Data="...the EDL file's text..."/>
  *   <Settings name="value" .../>
  *
- * Attribute text escapes & < > " and writes tabs, line breaks and other
- * control characters as character references, so that XML parsers read the
- * texts back exactly; bytes above 127 are written as they are (UTF-8 text
- * stays readable; other bytes still come back byte for byte through
- * LoadXMLFile). Texts end at their first NUL byte.
+ * Attribute text escapes & < > " and writes tabs and line breaks as
+ * character references, so that any XML parser reads them back exactly (a
+ * parser turns raw ones into spaces); UTF-8 characters stand as they are, and
+ * every other byte above 127 is written as the reference of the ISO 8859-1
+ * character of that value. LoadXMLFile turns all of it back into the
+ * original bytes. Other control characters are written as references too and
+ * also come back through LoadXMLFile, but XML 1.0 has no way to carry them:
+ * a file whose texts hold them is read by this class only. Texts end at
+ * their first NUL byte.
  *
  * LoadXMLFile recreates a missing clip or EDL file next to the XML file from
  * the embedded text, so a project can move to another folder or machine.
