@@ -22,69 +22,55 @@ TEST(TcType, FromFramesPerSecond) {
 }
 
 TEST(TcType, FromSignalFormat) {
-    // rate code, counting type, frames-per-second type
+    // rate code, counting type, frames-per-second type: 50 and 59.94 count
+    // as 25 and 29.97 but keep their own rate types; codes outside 14..256
+    // are 30.
     const uint32_t cases[][3] = {
-        {59, 4, 32}, {50, 8, 16}, {60, 2, 64}, {256, 2, 2}, {13, 2, 2},  {14, 4, 4},   {29, 4, 4},
-        {119, 4, 4}, {23, 128, 128}, {47, 128, 128}, {71, 128, 128}, {24, 1, 1}, {48, 1, 1}, {72, 1, 1},
-        {25, 8, 8},  {100, 8, 8},  {30, 2, 2},  {15, 2, 2},  {257, 2, 2}, {511, 2, 2},
-    };
+        {59, 4, 32}, {50, 8, 16},    {60, 2, 64},     {256, 2, 2}, {13, 2, 2}, {14, 4, 4}, {119, 4, 4},
+        {23, 128, 128}, {71, 128, 128}, {72, 1, 1}, {100, 8, 8}, {15, 2, 2}, {257, 2, 2}};
     for (const auto& c : cases) {
         const uint32_t sf = 0x22109000u | c[0];  // upper bits are ignored
-        EXPECT_EQ(vidGetTCTypeSignalFormat(sf), c[1]) << c[0];
-        EXPECT_EQ(vidGetFPSTCTypeSignalFormat(sf), c[2]) << c[0];
+        EXPECT_EQ(std::pair(vidGetTCTypeSignalFormat(sf), vidGetFPSTCTypeSignalFormat(sf)), std::pair(c[1], c[2]))
+            << c[0];
     }
 }
 
 TEST(TcType, FromParameterText) {
-    using qnv::TcTypeFromText;
-    EXPECT_EQ(TcTypeFromText("x TcType='film'"), 1u);
-    EXPECT_EQ(TcTypeFromText("TcType=film"), 0u);  // the first character is always skipped
-    EXPECT_EQ(TcTypeFromText("TcType=\"pal\" rate=25"), 8u);
-    EXPECT_EQ(TcTypeFromText("tctype='23.98'"), 132u);
-    EXPECT_EQ(TcTypeFromText("TCTYPE='PAL'"), 8u);
-    EXPECT_EQ(TcTypeFromText("TcType='non-drop-frame'"), 4u);
-    EXPECT_EQ(TcTypeFromText("TcType='Drop-Frame'"), 4u);
-    EXPECT_EQ(TcTypeFromText("Tctype='film'"), 0u);
-    EXPECT_EQ(TcTypeFromText("TcType='film-drop'"), 128u);  // before its prefix "film"
-    EXPECT_EQ(TcTypeFromText("TcType='filmic'"), 1u);       // prefixes match
-    EXPECT_EQ(TcTypeFromText("TcType='frames'"), 0u);
-    EXPECT_EQ(TcTypeFromText("TcType='50'"), 16u);
-    EXPECT_EQ(TcTypeFromText("TcType='500'"), 16u);
-    EXPECT_EQ(TcTypeFromText("TcType='59.94'"), 32u);
-    EXPECT_EQ(TcTypeFromText("TcType='59'"), 0u);
-    EXPECT_EQ(TcTypeFromText("TcType='60'"), 64u);
-    EXPECT_EQ(TcTypeFromText("TcType='2'"), 0u);
-    // The exact-case keys are tried in order, whatever comes first in the text.
-    EXPECT_EQ(TcTypeFromText("TCTYPE='pal' tctype='film' TcType='60'"), 64u);
-    EXPECT_EQ(TcTypeFromText("TCTYPE='pal' tctype='film'"), 1u);
-    EXPECT_EQ(TcTypeFromText("TcType='"), 0u);
-    EXPECT_EQ(TcTypeFromText("TcType="), 0u);  // nothing to skip: no value
-    EXPECT_EQ(TcTypeFromText(""), 0u);
-    EXPECT_EQ(TcTypeFromText(nullptr), 0u);
+    // The first character after '=' is always skipped; the exact-case keys are
+    // tried in order, whatever comes first in the text; a value's beginning
+    // matches, "film-drop" before its prefix "film".
+    const std::pair<const char*, uint32_t> cases[] = {
+        {"x TcType='film'", 1},     {"TcType=film", 0},        {"TcType=\"pal\" rate=25", 8},
+        {"tctype='23.98'", 132},    {"TCTYPE='PAL'", 8},       {"TcType='non-drop-frame'", 4},
+        {"TcType='Drop-Frame'", 4}, {"Tctype='film'", 0},      {"TcType='film-drop'", 128},
+        {"TcType='filmic'", 1},     {"TcType='frames'", 0},    {"TcType='500'", 16},
+        {"TcType='59.94'", 32},     {"TcType='59'", 0},        {"TcType='60'", 64},
+        {"TcType='2'", 0},          {"TcType='", 0},           {"TcType=", 0},
+        {"", 0},                    {"TCTYPE='pal' tctype='film' TcType='60'", 64},
+        {"TCTYPE='pal' tctype='film'", 1}};
+    for (const auto& [text, type] : cases) EXPECT_EQ(qnv::TcTypeFromText(text), type) << text;
+    EXPECT_EQ(qnv::TcTypeFromText(nullptr), 0u);
 }
 
 TEST(TcType, ConvertsCountsThroughTimecodeText) {
-    auto convert = [](uint32_t count, uint32_t target, uint32_t rate, uint32_t scale) {
-        vidConvertTC(&count, target, rate, scale);
-        return count;
-    };
-    EXPECT_EQ(convert(86400, 1, 24, 1), 86400u);  // same type: untouched
-    EXPECT_EQ(convert(12345, 4, 30000, 1001), 12345u);
-    EXPECT_EQ(convert(86400, 8, 24, 1), 90000u);   // 01:00:00:00 at 25
-    EXPECT_EQ(convert(86424, 2, 24, 1), 108030u);  // 01:00:01:00 at 30
-    EXPECT_EQ(convert(90000 + 23, 1, 25, 1), 86400u + 23);
-    EXPECT_EQ(convert(90000 + 24, 1, 25, 1), 90024u);  // frame 24 does not exist at 24: unchanged
-    // 59.94 and 60 count frame pairs in their text; the result is doubled.
-    EXPECT_EQ(convert(7200, 8, 60, 1), 6000u);  // 00:02:00:00 -> 3000 -> 6000
-    EXPECT_EQ(convert(7201, 8, 60, 1), 6000u);  // the second frame of the pair reads as the first
-    EXPECT_EQ(convert(215784, 4, 60000, 1001), 215784u);  // 01:00:00,00 -> 107892, doubled
-    EXPECT_EQ(convert(100, 8, 50, 1), 50u);               // 00:00:02:00; 50 is not doubled
-    // Drop separators do not parse as non-drop: the count stays (then doubled for pairs).
-    EXPECT_EQ(convert(107892, 2, 30000, 1001), 107892u);
-    EXPECT_EQ(convert(1000, 2, 60000, 1001), 2000u);
-    // A zero scale gives type 2 (30 non-drop).
-    EXPECT_EQ(convert(108000, 2, 30, 0), 108000u);
-    EXPECT_EQ(convert(108000, 8, 30, 0), 90000u);
+    // count, target type, rate, scale, result. Frame 24 does not exist at 24
+    // and drop separators do not parse as non-drop: the count stays. 59.94
+    // and 60 count frame pairs in their text, so the result is doubled (the
+    // second frame of a pair reads as the first); 50 is not doubled. A zero
+    // scale gives type 2.
+    const uint32_t cases[][5] = {
+        {86400, 1, 24, 1, 86400},          {12345, 4, 30000, 1001, 12345},  // same type: untouched
+        {86400, 8, 24, 1, 90000},          {86424, 2, 24, 1, 108030},       // 01:00:01:00 at 30
+        {90023, 1, 25, 1, 86423},          {90024, 1, 25, 1, 90024},
+        {7200, 8, 60, 1, 6000},            {7201, 8, 60, 1, 6000},          // 00:02:00:00 -> 3000 -> 6000
+        {215784, 4, 60000, 1001, 215784},  {100, 8, 50, 1, 50},
+        {107892, 2, 30000, 1001, 107892},  {1000, 2, 60000, 1001, 2000},
+        {108000, 2, 30, 0, 108000},        {108000, 8, 30, 0, 90000}};
+    for (const auto& c : cases) {
+        uint32_t count = c[0];
+        vidConvertTC(&count, c[1], c[2], c[3]);
+        EXPECT_EQ(count, c[4]) << c[0] << " to " << c[1] << " at " << c[2] << "/" << c[3];
+    }
     vidConvertTC(nullptr, 8, 30, 1);
 }
 
