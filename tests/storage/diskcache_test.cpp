@@ -1,9 +1,11 @@
 // CQxDiskCache against plain pread, and its edges: the exact-end read, the
 // bypass threshold, the end-of-file clamp, retried short reads, errors.
-#include <gtest/gtest.h>
+#include <dlfcn.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <random>
@@ -11,10 +13,37 @@
 #include <thread>
 #include <vector>
 
-#include "host_spy.h"
 #include "qnvutil/storage.h"
 
 namespace fs = std::filesystem;
+using Bytes = std::vector<uint8_t>;
+using Reads = std::vector<uint32_t>;  // byte counts asked for
+using Seeks = std::vector<int64_t>;   // offsets asked for
+
+// This program defines qxOSReadFile and qxOSSeek itself: each call is
+// recorded (for the calling thread) and forwarded to the host library.
+namespace spy {
+thread_local Reads reads;
+thread_local Seeks seeks;
+template <typename Function>
+Function next(Function, const char* name) {
+    void* f = ::dlsym(RTLD_NEXT, name);
+    if (f == nullptr) std::abort();
+    return reinterpret_cast<Function>(f);
+}
+}  // namespace spy
+
+extern "C" uint32_t qxOSReadFile(QXFILE file, void* buffer, uint32_t count, uint32_t* bytesRead, void* overlapped) {
+    static const auto real = spy::next(&qxOSReadFile, "qxOSReadFile");
+    spy::reads.push_back(count);
+    return real(file, buffer, count, bytesRead, overlapped);
+}
+
+extern "C" int64_t qxOSSeek(QXFILE file, int64_t offset) {
+    static const auto real = spy::next(&qxOSSeek, "qxOSSeek");
+    spy::seeks.push_back(offset);
+    return real(file, offset);
+}
 
 namespace {
 
@@ -26,47 +55,66 @@ public:
     uint64_t end() const { return cachedEnd; }
     const uint8_t* data() const { return cacheData; }
     const uint8_t* raw() const { return rawBuffer; }
-    // Forgets the buffer, for a copy that shares its source's buffer.
-    void forget() { rawBuffer = nullptr; }
+    void forget() { rawBuffer = nullptr; }  // for a copy that shares its source's buffer
 };
+
+// One read through the cache: result, the bytes read and the host calls made.
+struct Got {
+    uint32_t result = 0, n = 0;
+    Bytes bytes;
+    Reads reads;
+    Seeks seeks;
+};
+Got read(Cache& cache, uint64_t position, uint32_t size, uint32_t flags = 0) {
+    spy::reads.clear();
+    spy::seeks.clear();
+    Got g{0, 0, Bytes(size), {}, {}};
+    g.result = cache.Read(g.bytes.data(), position, size, &g.n, flags);
+    g.bytes.resize(std::min(g.n, size));
+    g.reads = spy::reads;
+    g.seeks = spy::seeks;
+    return g;
+}
 
 class DiskCache : public ::testing::Test {
 protected:
     void SetUp() override {
-        dir = fs::temp_directory_path() /
-              ("qnvcache-" + std::to_string(::getpid()) + "-" +
-               ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        fs::create_directories(dir);
-        path = (dir / "media.bin").string();
+        path = fs::temp_directory_path() / ("qnvcache-" + std::to_string(::getpid()) + "-" +
+                                            ::testing::UnitTest::GetInstance()->current_test_info()->name());
     }
     void TearDown() override {
         if (handle != QX_INVALID_FILE) qxOSCloseFile(handle);
-        fs::remove_all(dir);
+        fs::remove(path);
     }
-    // Writes `size` random bytes and opens the file for reading.
-    void makeFile(size_t size) {
+    // Writes `size` random bytes, opens the file for reading and gives a cache on it.
+    void makeFile(size_t size, uint32_t cacheSize = 65536, bool retry = false) {
         std::mt19937 rng(static_cast<unsigned>(size));
         content.resize(size);
         for (auto& b : content) b = static_cast<uint8_t>(rng());
-        append(content.data(), content.size());
+        append(content);
         handle = qxOSCreateFile(path.c_str(), QX_GENERIC_READ, 3, nullptr, QX_OPEN_EXISTING, 0, nullptr);
         ASSERT_NE(handle, QX_INVALID_FILE);
+        ASSERT_EQ(cache.SetHandleAndCacheSize(handle, cacheSize, retry), 0u);
     }
-    void append(const uint8_t* bytes, size_t n) {
+    void append(const Bytes& bytes) {
         int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
         ASSERT_GE(fd, 0);
-        ASSERT_EQ(::write(fd, bytes, n), static_cast<ssize_t>(n));
+        ASSERT_EQ(::write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
         ::close(fd);
     }
-    std::vector<uint8_t> expected(uint64_t position, uint32_t size) const {
+    Bytes expected(uint64_t position, uint32_t size) const {
         return {content.begin() + position, content.begin() + position + size};
     }
 
-    fs::path dir;
-    std::string path;
-    std::vector<uint8_t> content;
+    fs::path path;
+    Bytes content;
     QXFILE handle = QX_INVALID_FILE;
+    Cache cache;
 };
+
+int64_t msSince(std::chrono::steady_clock::time_point t0) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0).count();
+}
 
 }  // namespace
 
@@ -85,7 +133,7 @@ TEST_F(DiskCache, MatchesPreadOverRandomReads) {
                 uint32_t size = i % 50 == 0 ? cacheSize - 4096 + rng() % 8 - 4 : rng() % (i % 7 == 0 ? 9000 : 400);
                 uint64_t position = rng() % 3 == 0 ? rng() % content.size() : next;
                 if (position + size > content.size()) position = content.size() - size;
-                std::vector<uint8_t> got(size + 1, 0xEE), want(size);
+                Bytes got(size + 1, 0xEE), want(size);
                 ASSERT_EQ(::pread(fd, want.data(), size, static_cast<off_t>(position)), static_cast<ssize_t>(size));
                 uint32_t bytesRead = 0;
                 ASSERT_EQ(cache.Read(got.data(), position, size, &bytesRead, flags), 0u);
@@ -101,142 +149,89 @@ TEST_F(DiskCache, MatchesPreadOverRandomReads) {
 
 TEST_F(DiskCache, ReadEndingAtTheCachedEndRefills) {
     makeFile(1 << 20);
-    Cache cache;
-    cache.SetHandleAndCacheSize(handle, 65536, false);
-    std::vector<uint8_t> buf(100);
-    uint32_t n = 0;
-    ASSERT_EQ(cache.Read(buf.data(), 0, 100, &n, 0), 0u);
+    read(cache, 0, 100);
     EXPECT_EQ(cache.end(), 65536u);
+    Got g = read(cache, 65435, 100);  // ends one byte before: from the cache alone
+    EXPECT_EQ(g.bytes, expected(65435, 100));
+    EXPECT_TRUE(g.reads.empty() && g.seeks.empty());
 
-    spy::reset();
-    ASSERT_EQ(cache.Read(buf.data(), 65435, 100, &n, 0), 0u);  // ends one byte before
-    EXPECT_TRUE(spy::calls().reads.empty() && spy::calls().seeks.empty());
-    EXPECT_EQ(buf, expected(65435, 100));
-
-    ASSERT_EQ(cache.Read(buf.data(), 65436, 100, &n, 0), 0u);  // ends exactly at cachedEnd
-    EXPECT_EQ(n, 100u);
-    EXPECT_EQ(buf, expected(65436, 100));
-    // The cache moves on to the next boundary; nothing was left to read.
-    EXPECT_EQ(spy::calls().seeks, std::vector<int64_t>{65536});
-    EXPECT_TRUE(spy::calls().reads.empty());
-    EXPECT_EQ(cache.start(), 65536u);
-    EXPECT_EQ(cache.end(), 65536u);
-
-    // A read across the end takes the cached part and refills for the rest.
-    ASSERT_EQ(cache.Read(buf.data(), 0, 100, &n, 0), 0u);
-    spy::reset();
-    ASSERT_EQ(cache.Read(buf.data(), 65500, 100, &n, 0), 0u);
-    EXPECT_EQ(buf, expected(65500, 100));
-    EXPECT_EQ(spy::calls().seeks, std::vector<int64_t>{65536});
-    EXPECT_EQ(spy::calls().reads, std::vector<uint32_t>{65536});
+    // Ends exactly at the cached end: the cache moves on to the next
+    // boundary, with nothing left to read.
+    g = read(cache, 65436, 100);
+    EXPECT_EQ(g.bytes, expected(65436, 100));
+    EXPECT_EQ(g.seeks, Seeks{65536});
+    EXPECT_TRUE(g.reads.empty());
+    EXPECT_EQ(std::pair(cache.start(), cache.end()), std::pair(uint64_t(65536), uint64_t(65536)));
 }
 
 TEST_F(DiskCache, BypassesRequestsAboveCacheSizeLess4096) {
     makeFile(1 << 20);
-    Cache cache;
-    cache.SetHandleAndCacheSize(handle, 65536, false);
-    std::vector<uint8_t> buf(65536);
-    uint32_t n = 0;
-
-    spy::reset();
-    ASSERT_EQ(cache.Read(buf.data(), 4095, 65536 - 4096, &n, 0), 0u);  // the largest cached request
-    EXPECT_EQ(spy::calls().reads, std::vector<uint32_t>{65536});
+    EXPECT_EQ(read(cache, 4095, 65536 - 4096).reads, Reads{65536});  // the largest cached request
     EXPECT_EQ(cache.end(), 65536u);
 
-    spy::reset();
-    ASSERT_EQ(cache.Read(buf.data(), 70000, 65536 - 4095, &n, 0), 0u);
-    EXPECT_EQ(spy::calls().seeks, std::vector<int64_t>{70000});
-    EXPECT_EQ(spy::calls().reads, std::vector<uint32_t>{65536 - 4095});
-    EXPECT_EQ(n, 65536u - 4095);
-    EXPECT_EQ(std::vector<uint8_t>(buf.begin(), buf.begin() + n), expected(70000, n));
-    EXPECT_EQ(cache.start(), 0u);  // left as it was
-    EXPECT_EQ(cache.end(), 65536u);
+    Got g = read(cache, 70000, 65536 - 4095);
+    EXPECT_EQ(g.seeks, Seeks{70000});
+    EXPECT_EQ(g.reads, Reads{65536 - 4095});
+    EXPECT_EQ(g.bytes, expected(70000, 65536 - 4095));
+    EXPECT_EQ(std::pair(cache.start(), cache.end()), std::pair(uint64_t(0), uint64_t(65536)));  // left as it was
 
     // guard: a cache below 4096 bytes would let requests overrun it; they
     // all go straight to the file.
     Cache tiny;
     tiny.SetHandleAndCacheSize(handle, 100, false);
-    spy::reset();
-    ASSERT_EQ(tiny.Read(buf.data(), 10, 1, &n, 0), 0u);
-    EXPECT_EQ(spy::calls().reads, std::vector<uint32_t>{1});
+    EXPECT_EQ(read(tiny, 10, 1).reads, Reads{1});
     EXPECT_EQ(tiny.end(), 0u);
 }
 
 TEST_F(DiskCache, EndOfFileClampAndReadsPastTheEnd) {
     makeFile(10000);
-    std::vector<uint8_t> buf(3000);
-    uint32_t n = 0;
-    {
-        Cache cache;
-        cache.SetHandleAndCacheSize(handle, 65536, false);
-        spy::reset();
-        ASSERT_EQ(cache.Read(buf.data(), 9000, 500, &n, QX_DISKCACHE_TO_END_OF_FILE), 0u);
-        EXPECT_EQ(spy::calls().reads, std::vector<uint32_t>{10000 - 8192});  // up to the end only
-        EXPECT_EQ(cache.end(), 10000u);
+    EXPECT_EQ(read(cache, 9000, 500, QX_DISKCACHE_TO_END_OF_FILE).reads, Reads{10000 - 8192});  // up to the end
+    EXPECT_EQ(cache.end(), 10000u);
+    // A request whose size, counted from the refill's boundary, passes the
+    // end asks for its size; the file falls short, so the read fails
+    // quietly: result 0, only the cached bytes read.
+    Got g = read(cache, 9900, 2000, 4);
+    EXPECT_EQ(g.reads, Reads{2000});
+    EXPECT_EQ(std::pair(g.result, g.n), std::pair(0u, 100u));
 
-        // A request whose size, counted from the refill's boundary, passes the
-        // end asks for its size; the file falls short, so the read fails
-        // quietly: result 0, only the cached bytes read.
-        spy::reset();
-        ASSERT_EQ(cache.Read(buf.data(), 9900, 2000, &n, 4), 0u);
-        EXPECT_EQ(spy::calls().reads, std::vector<uint32_t>{2000});
-        EXPECT_EQ(n, 100u);
-    }
-    {
-        Cache cache;
-        cache.SetHandleAndCacheSize(handle, 65536, false);
-        spy::reset();
-        ASSERT_EQ(cache.Read(buf.data(), 9000, 500, &n, 2 | 4), 0u);  // bit 1 set: no clamp
-        EXPECT_EQ(spy::calls().reads, std::vector<uint32_t>{65536});
-
-        // The refill's bytes are counted from its boundary: 1808 from 8192
-        // cover the 1500 still needed from 9500, so the read succeeds and its
-        // last 1000 bytes come from the buffer past the file's end (zero in a
-        // new buffer).
-        ASSERT_EQ(cache.Read(buf.data(), 9500, 1500, &n, 0), 0u);
-        EXPECT_EQ(n, 1500u);
-        EXPECT_EQ(std::vector<uint8_t>(buf.begin(), buf.begin() + 500), expected(9500, 500));
-        EXPECT_EQ(std::vector<uint8_t>(buf.begin() + 500, buf.begin() + 1500), std::vector<uint8_t>(1000, 0));
-    }
+    Cache other;
+    other.SetHandleAndCacheSize(handle, 65536, false);
+    EXPECT_EQ(read(other, 9000, 500, 2 | 4).reads, Reads{65536});  // bit 1 set: no clamp
+    // The refill's bytes are counted from its boundary: 1808 from 8192 cover
+    // the 1500 still needed from 9500, so the read succeeds and its last 1000
+    // bytes come from the buffer past the file's end (zero in a new buffer).
+    Bytes want = expected(9500, 500);
+    want.resize(1500, 0);
+    EXPECT_EQ(read(other, 9500, 1500).bytes, want);
 }
 
 TEST_F(DiskCache, ShortReadWithRetryGivesUpAfter1500ms) {
-    makeFile(10000);
-    Cache cache;
-    cache.SetHandleAndCacheSize(handle, 65536, true);
-    std::vector<uint8_t> buf(3000, 0xEE);
-    uint32_t n = 0;
-    ASSERT_EQ(cache.Read(buf.data(), 8192, 100, &n, 0), 0u);
-
-    auto t0 = std::chrono::steady_clock::now();
-    EXPECT_EQ(cache.Read(buf.data(), 9000, 3000, &n, 0), 0u);  // no read failed: 0
-    auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0).count();
+    makeFile(10000, 65536, true);
+    read(cache, 8192, 100);
+    const auto t0 = std::chrono::steady_clock::now();
+    Got g = read(cache, 9000, 3000);
+    const int64_t ms = msSince(t0);
     EXPECT_GE(ms, 1450);
     EXPECT_LT(ms, 4000);
-    EXPECT_EQ(n, 1000u);  // only what the cache held
-    EXPECT_EQ(std::vector<uint8_t>(buf.begin(), buf.begin() + 1000), expected(9000, 1000));
+    EXPECT_EQ(g.result, 0u);             // no read failed
+    EXPECT_EQ(g.bytes, expected(9000, 1000));  // only what the cache held
 }
 
 TEST_F(DiskCache, ShortReadWithRetryFollowsAGrowingFile) {
-    makeFile(8192 + 100);
-    Cache cache;
-    cache.SetHandleAndCacheSize(handle, 65536, true);
-    std::vector<uint8_t> more(5000);
+    makeFile(8192 + 100, 65536, true);
+    Bytes more(5000);
     for (size_t i = 0; i < more.size(); ++i) more[i] = static_cast<uint8_t>(i * 7);
     std::thread writer([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
-        append(more.data(), more.size());
+        append(more);
     });
-    std::vector<uint8_t> buf(2000);
-    uint32_t n = 0;
-    auto t0 = std::chrono::steady_clock::now();
-    uint32_t result = cache.Read(buf.data(), 8192, 2000, &n, 0);
-    auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0).count();
+    const auto t0 = std::chrono::steady_clock::now();
+    Got g = read(cache, 8192, 2000);
+    const int64_t ms = msSince(t0);
     writer.join();
-    EXPECT_EQ(result, 0u);
-    EXPECT_EQ(n, 2000u);
     content.insert(content.end(), more.begin(), more.end());
-    EXPECT_EQ(buf, expected(8192, 2000));
+    EXPECT_EQ(g.result, 0u);
+    EXPECT_EQ(g.bytes, expected(8192, 2000));
     EXPECT_GE(ms, 250);
     EXPECT_LT(ms, 1500);
 }
@@ -246,13 +241,9 @@ TEST_F(DiskCache, ErrorCodes) {
     std::vector<std::string> log;
     QxSetLogSink([](uint32_t, const char* line, void* context) { static_cast<std::vector<std::string>*>(context)->push_back(line); },
                  &log);
-    Cache cache;
-    cache.SetHandleAndCacheSize(handle, 65536, false);
-    std::vector<uint8_t> buf(100);
-    uint32_t n = 0;
-    ASSERT_EQ(cache.Read(buf.data(), 0, 100, &n, 0), 0u);
+    read(cache, 0, 100);
     // A refill whose seek fails (an offset beyond what lseek takes).
-    EXPECT_EQ(cache.Read(buf.data(), 1ull << 63, 10, &n, 0), 0x80000000u | EINVAL);
+    EXPECT_EQ(read(cache, 1ull << 63, 10).result, 0x80000000u | EINVAL);
     EXPECT_EQ(log, std::vector<std::string>{"Diskcache seek failed 0x00000016 "});
     EXPECT_EQ(cache.start(), cache.end());  // guard: nothing claimed
     QxSetLogSink(nullptr, nullptr);
@@ -261,26 +252,29 @@ TEST_F(DiskCache, ErrorCodes) {
     QXFILE writeOnly = qxOSCreateFile(path.c_str(), QX_GENERIC_WRITE, 3, nullptr, QX_OPEN_EXISTING, 0, nullptr);
     ASSERT_NE(writeOnly, QX_INVALID_FILE);
     cache.SetHandleAndCacheSize(writeOnly, 65536, false);
-    EXPECT_EQ(cache.Read(buf.data(), 0, 10, &n, 0), 0x80000000u | EBADF);
-    EXPECT_EQ(cache.Read(buf.data(), 0, 65000, &n, 0), static_cast<uint32_t>(EBADF));
+    EXPECT_EQ(read(cache, 0, 10).result, 0x80000000u | EBADF);
+    EXPECT_EQ(read(cache, 0, 65000).result, static_cast<uint32_t>(EBADF));
     qxOSCloseFile(writeOnly);
+}
+
+TEST_F(DiskCache, FailedRefillClaimsOnlyWhatItBrought) {
+    makeFile(1 << 20);
+    read(cache, 70000, 100);  // caches 65536..131072
+    ASSERT_EQ(::truncate(path.c_str(), 50), 0);
+    Got g = read(cache, 0, 100);  // the refill from 0 brings 50 bytes of 100
+    EXPECT_EQ(std::pair(g.result, g.n), std::pair(0u, 0u));
+    EXPECT_EQ(std::pair(cache.start(), cache.end()), std::pair(uint64_t(0), uint64_t(50)));  // guard
 }
 
 TEST_F(DiskCache, BufferSetupAndShallowCopies) {
     makeFile(10000);
-    Cache cache;
-    ASSERT_EQ(cache.SetHandleAndCacheSize(handle, 65536, false), 0u);
     auto data = reinterpret_cast<uintptr_t>(cache.data()), raw = reinterpret_cast<uintptr_t>(cache.raw());
     EXPECT_EQ(data % 1024, 0u);
     EXPECT_LT(data - raw, 1024u);
-
-    std::vector<uint8_t> buf(100);
-    uint32_t n = 0;
-    cache.Read(buf.data(), 5000, 100, &n, 0);
+    read(cache, 5000, 100);
     {
         Cache copy(cache);  // shares the buffer and the cached range
-        EXPECT_EQ(copy.data(), cache.data());
-        EXPECT_EQ(copy.end(), 10000u);
+        EXPECT_EQ(std::pair(copy.data(), copy.end()), std::pair(cache.data(), uint64_t(10000)));
         copy.forget();
     }
     // A new size empties the cache; an impossible one leaves no cache and
@@ -289,8 +283,7 @@ TEST_F(DiskCache, BufferSetupAndShallowCopies) {
     EXPECT_EQ(cache.end(), 0u);
     EXPECT_EQ(cache.SetHandleAndCacheSize(handle, 0xFFFFFFFFu, false), 0xFFFFFFFFu);
     EXPECT_EQ(cache.data(), nullptr);
-    spy::reset();
-    ASSERT_EQ(cache.Read(buf.data(), 5000, 100, &n, 0), 0u);
-    EXPECT_EQ(spy::calls().reads, std::vector<uint32_t>{100});
-    EXPECT_EQ(buf, expected(5000, 100));
+    Got g = read(cache, 5000, 100);
+    EXPECT_EQ(g.reads, Reads{100});
+    EXPECT_EQ(g.bytes, expected(5000, 100));
 }
