@@ -5,17 +5,15 @@
 
 #include <memory>
 #include <random>
+#include <tuple>
 
 #include "tests/mediacmd/mediacmd_test.h"
 
 namespace {
-// Reads `inner` wrapped in a root named `root`.
-MediaCmd read(const std::string& inner, uint32_t* tcType = nullptr, uint32_t* result = nullptr,
-              const char* root = "MediaCmd") {
+// Reads `inner` wrapped in the MediaCmd root.
+MediaCmd read(const std::string& inner, uint32_t* tcType = nullptr) {
     MediaCmd c;
-    std::string xml = std::string("<?xml version=\"1.0\"?><") + root + ">" + inner + "</" + root + ">";
-    uint32_t r = MediaCmdFromXMLString(&c, tcType, xml.c_str());
-    if (result != nullptr) *result = r;
+    MediaCmdFromXMLString(&c, tcType, ("<?xml version=\"1.0\"?><MediaCmd>" + inner + "</MediaCmd>").c_str());
     return c;
 }
 }  // namespace
@@ -44,25 +42,23 @@ TEST(MediaCmdReader, ResultCodesAndDocumentOwnership) {
 }
 
 TEST(MediaCmdReader, NumbersAsScanfReadsThem) {
-    EXPECT_EQ(read("<Channel Value=' 12abc'/>").Channel, 12u);
-    EXPECT_EQ(read("<Channel Value='+5'/>").Channel, 5u);
-    EXPECT_EQ(read("<Channel Value='0x10'/>").Channel, 0u);
-    EXPECT_EQ(read("<Channel Value='4294967297'/>").Channel, 1u);
-    EXPECT_EQ(read("<Channel Value='-99999999999999999999999'/>").Channel, 0u);
-    EXPECT_EQ(read("<Channel Value='-'/>").Channel, 0xFFFFFFFFu) << "not a number: left as it was";
+    // Leading spaces and signs taken, hex not, wrapping to 32 bits; text that
+    // is not a number leaves the field as it was.
+    const std::pair<const char*, uint32_t> rows[] = {
+        {" 12abc", 12}, {"+5", 5}, {"0x10", 0}, {"4294967297", 1}, {"-99999999999999999999999", 0}, {"-", 0xFFFFFFFF}};
+    for (auto [text, want] : rows) EXPECT_EQ(read(std::string("<Channel Value='") + text + "'/>").Channel, want) << text;
     MediaCmd c = read("<prev Value='-1'/><list Value='7'/>");
     EXPECT_EQ(reinterpret_cast<uintptr_t>(c.prev), 0xFFFFFFFFu) << "only the low half";
     EXPECT_EQ(reinterpret_cast<uintptr_t>(c.list), 7u);
 }
 
 TEST(MediaCmdReader, CommandNamesAndFlags) {
-    EXPECT_EQ(read("<Cmd>Record</Cmd>").Cmd, ctRecord);
-    EXPECT_EQ(read("<Cmd>recstopper</Cmd>").Cmd, ctRecStop);
-    EXPECT_EQ(read("<Cmd>PLAYback</Cmd>").Cmd, ctPlay);
-    EXPECT_EQ(read("<Cmd>Switch</Cmd>").Cmd, ctStop);
-    EXPECT_EQ(read("<Cmd>ValueSupported</Cmd>").Cmd, ctValueSupported);
-    EXPECT_EQ(read("<Cmd Value='x'>edit</Cmd>").Cmd, ctEdit);
-    EXPECT_EQ(read("<Cmd Value='21'>Play</Cmd>").Cmd, ctSwitch);
+    // Names by prefix in any case ("Switch" reads as Stop); a numeric Value wins.
+    const std::pair<const char*, uint32_t> commands[] = {
+        {"<Cmd>Record</Cmd>", ctRecord}, {"<Cmd>recstopper</Cmd>", ctRecStop}, {"<Cmd>PLAYback</Cmd>", ctPlay},
+        {"<Cmd>Switch</Cmd>", ctStop}, {"<Cmd>ValueSupported</Cmd>", ctValueSupported},
+        {"<Cmd Value='x'>edit</Cmd>", ctEdit}, {"<Cmd Value='21'>Play</Cmd>", ctSwitch}};
+    for (auto [xml, cmd] : commands) EXPECT_EQ(read(xml).Cmd, cmd) << xml;
     EXPECT_EQ(read("<Cmd Deferred='2' Loop='0' Trigger='1' Ripple='1' Invert='1' Test='1' NoReturn='1' "
                    "UseAllIDs='1' UseClipID='1' NoClipFiles='1' NoTCSpaces='1'/>")
                   .Flags,
@@ -70,19 +66,18 @@ TEST(MediaCmdReader, CommandNamesAndFlags) {
                   cfNoClipFiles | cfNoTCSpaces);
     // The one-r spelling decides when it is a number; the writer's spelling
     // is not read back.
-    EXPECT_EQ(read("<Cmd cfOverideDeferred='0' cfOverrideDeferred='1'/>").Flags, 0u);
-    EXPECT_EQ(read("<Cmd cfOverideDeferred='no' cfOverrideDeferred='1'/>").Flags, cfOverrideDeferred);
-    EXPECT_EQ(read("<Cmd cfOverideDeferred='1'/>").Flags, cfOverrideDeferred);
-    EXPECT_EQ(read("<Cmd OverrideDeferred='1'/>").Flags, 0u);
+    const std::pair<const char*, uint32_t> overrides[] = {
+        {"<Cmd cfOverideDeferred='0' cfOverrideDeferred='1'/>", 0},
+        {"<Cmd cfOverideDeferred='no' cfOverrideDeferred='1'/>", cfOverrideDeferred},
+        {"<Cmd cfOverideDeferred='1'/>", cfOverrideDeferred}, {"<Cmd OverrideDeferred='1'/>", 0}};
+    for (auto [xml, flags] : overrides) EXPECT_EQ(read(xml).Flags, flags) << xml;
 }
 
 TEST(MediaCmdReader, SpeedChannelsAndCmdAlt) {
     MediaCmd c = read("<Speed IsShuttle='1'>50</Speed><AudioChannels Value='3'/><CmdAlt Value='9' TimeTarget='1'/>");
     EXPECT_EQ(c.Speed, 0x7FFFFFFF) << "the percent text is not read";
     EXPECT_EQ(c.Flags, cfUseSpeed | cfIsShuttle | cfUsePresets | cfUseCmdAlt | cfTimeTarget);
-    EXPECT_EQ(c.AudioChannels, 3u);
-    EXPECT_EQ(c.VideoChannels, 0xFFFFFFFFu);
-    EXPECT_EQ(c.CmdAlt, 9);
+    EXPECT_EQ(std::tuple(c.AudioChannels, c.VideoChannels, c.CmdAlt), std::tuple(3u, 0xFFFFFFFFu, 9));
     EXPECT_EQ(read("<ctltimecode Value='1'/><CmdAlt TimeMs='1' TimeHouseClock='1'/>").Flags,
               cfUseCmdAlt | cfTimeMs | cfTimeHouseClock);
 }
@@ -99,9 +94,7 @@ TEST(MediaCmdReader, PositionsFromTimecodeText) {
     MediaCmd c = read("<Position TcType='1'>00:00:01:00</Position><Start>00:00:02:00</Start>"
                       "<End TcType='8' IsOffset='1' UsingCurrent='1' UsingFrameCount='1' IsFieldCount='1'>"
                       "00:00:02:00</End>");
-    EXPECT_EQ(c.Position, 24);
-    EXPECT_EQ(c.Start, 48);
-    EXPECT_EQ(c.End, 50);
+    EXPECT_EQ(std::tuple(c.Position, c.Start, c.End), std::tuple(24, 48, 50));
     EXPECT_EQ(c.Flags, cfUsePosition | cfUseStart | cfUseEnd | cfUseEndOffset | cfUsingCurrent | cfUseFrameCount |
                            cfFields);
     // A Value wins; malformed text leaves the field; binary types stay inside the text.
@@ -119,8 +112,7 @@ TEST(MediaCmdReader, ClipIdFileNameAndArbitraryData) {
     EXPECT_EQ(c.Flags, cfUseClipID);
     // A smaller record as the text claims it: the copies follow its size.
     c = read("<StructSize Value='90'/><ClipID>AB</ClipID><FileName>abcdefgh</FileName>");
-    EXPECT_EQ(c.StructSize, 90u);
-    EXPECT_EQ(std::string(c.FileName, 5), std::string("abcd\0", 5));
+    EXPECT_EQ(std::pair(c.StructSize, std::string(c.FileName, 5)), std::pair(90u, std::string("abcd\0", 5)));
     c = read("<StructSize Value='80'/><ClipID>ABCDEFGH</ClipID><FileName>x</FileName>");
     EXPECT_EQ(std::string(c.ClipID, 4), std::string("ABC\0", 4));
     EXPECT_EQ(c.FileName[0], 0);
@@ -128,11 +120,8 @@ TEST(MediaCmdReader, ClipIdFileNameAndArbitraryData) {
     EXPECT_EQ(c.Flags, 0u);
 
     c = read("<arbID Type='base64' length='2'>0aFF77</arbID>");
-    EXPECT_EQ(c.StructSize, 78u);
-    EXPECT_EQ(uint8_t(c.ClipID[0]), 0x0A);
-    EXPECT_EQ(uint8_t(c.ClipID[1]), 0xFF);
-    EXPECT_EQ(c.ClipID[2], 0);
-    EXPECT_EQ(c.Flags, cfUseClipID);
+    EXPECT_EQ(std::tuple(c.StructSize, std::string(c.ClipID, 3), c.Flags),
+              std::tuple(78u, std::string("\x0A\xFF\0", 3), uint32_t(cfUseClipID)));
     c = read("<arbID length='3'>ABC</arbID>");
     EXPECT_EQ(std::string(c.ClipID, 3), std::string("\xAB\xC0\x00", 3));
 }
@@ -149,6 +138,7 @@ TEST(MediaCmdReader, AddressesSitOneBytePastTheTerminator) {
 }
 
 TEST(MediaCmdReader, HostileSizesStayInsideTheRecord) {
+    EXPECT_EQ(read("<StructSize Value='100000'/>").StructSize, 4188u);
     // A heap record of exactly 4188 bytes, so that any stray byte is caught.
     auto c = std::make_unique<MediaCmd>();
     std::string big(20000, '7');
@@ -216,13 +206,11 @@ TEST(MediaCmdRoundTrip, RandomRecordsSurviveInEveryCarriedField) {
         if (f & (cfUseEnd | cfUseEndOffset)) expected |= cfUseEnd;
         SCOPED_TRACE(xml);
         EXPECT_EQ(back.Flags, expected);
-        EXPECT_EQ(back.Cmd, c.Cmd);
-        EXPECT_EQ(back.Channel, c.Channel);
+        EXPECT_EQ(std::tuple(back.Cmd, back.Channel, back.Position), std::tuple(c.Cmd, c.Channel, c.Position));
         EXPECT_EQ(back.Speed, (f & cfUseSpeed) ? c.Speed : speedWritten ? 65520 : 0x7FFFFFFF);
         EXPECT_EQ(back.VideoChannels, (f & cfUsePresets) ? c.VideoChannels : 0xFFFFFFFFu);
         EXPECT_EQ(back.InfoChannels, (f & cfUsePresets) ? c.InfoChannels : 0xFFFFFFFFu);
         EXPECT_EQ(back.CmdAlt, cmdAltWritten ? c.CmdAlt : -1);
-        EXPECT_EQ(back.Position, c.Position);
         EXPECT_EQ(back.Start, (f & (cfUseStart | cfUseStartOffset)) ? c.Start : -1);
         EXPECT_EQ(back.End, (f & (cfUseEnd | cfUseEndOffset)) ? c.End : -1);
         EXPECT_EQ(std::memcmp(mctest::area(back), mctest::area(c), MEDIACMD_SIZE - 76), 0);
