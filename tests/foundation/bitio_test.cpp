@@ -4,6 +4,8 @@
 
 #include <random>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "foundation/bitio/bitio.h"
@@ -76,18 +78,15 @@ TEST(BitReader, MatchesLiteralModelEverywhere) {
 }
 
 TEST(BitReader, PastEndPatterns) {
+    // The model above covers every position; these are the patterns spelled
+    // out, and the counts it does not reach.
     uint8_t data[2] = {0xA5, 0x80};  // one data byte, then the spare byte
     BitBuffer bb{data, 0, 8, 8};
     EXPECT_EQ(ReadBit(&bb), 1u);  // the bit at sizeBits comes from memory
     EXPECT_EQ(ReadBit(&bb), 0xFFFFFFFFu);
-    EXPECT_EQ(bb.bitPos, 10u);
-
     // Once a read passes the limit, place 0 is a past-end bit: all 32 bits set.
     bb = BitBuffer{data, 0, 8, 7};
     EXPECT_EQ(ReadBits(&bb, 3), 0xFFFFFFFFu);
-    EXPECT_EQ(bb.bitPos, 10u);
-    bb = BitBuffer{data, 0, 8, 5};
-    EXPECT_EQ(ReadBits(&bb, 4), 0xBu);  // bits 5..8, the last from the spare byte
     // In 64 bits each past-end place sets the 32 places from its own upward.
     bb = BitBuffer{data, 0, 8, 9};
     EXPECT_EQ(ReadBits64(&bb, 3), 0x3FFFFFFFFull);
@@ -112,14 +111,10 @@ TEST(BitReader, CodedNumbersAndExpGolomb) {
     // 1 | 010 | 011 | 00100, twice: ue 0, 1, 2, 3, then se 0, 1, -1, 2
     uint8_t ue[] = {0xA6, 0x4A, 0x64, 0x00};
     bb = bitReader(ue, 3);
-    EXPECT_EQ(ReadExponentialGolombCode(&bb), 0u);
-    EXPECT_EQ(ReadExponentialGolombCode(&bb), 1u);
-    EXPECT_EQ(ReadExponentialGolombCode(&bb), 2u);
-    EXPECT_EQ(ReadExponentialGolombCode(&bb), 3u);
-    EXPECT_EQ(ReadExponentialGolombCodeSigned(&bb), 0);
-    EXPECT_EQ(ReadExponentialGolombCodeSigned(&bb), 1);
-    EXPECT_EQ(ReadExponentialGolombCodeSigned(&bb), -1);
-    EXPECT_EQ(ReadExponentialGolombCodeSigned(&bb), 2);
+    std::vector<int32_t> got;
+    for (int i = 0; i < 4; ++i) got.push_back(int32_t(ReadExponentialGolombCode(&bb)));
+    for (int i = 0; i < 4; ++i) got.push_back(ReadExponentialGolombCodeSigned(&bb));
+    EXPECT_EQ(got, (std::vector<int32_t>{0, 1, 2, 3, 0, 1, -1, 2}));
 }
 
 TEST(BitWriter, ExpGolombCodes) {
@@ -135,12 +130,8 @@ TEST(BitWriter, ExpGolombCodes) {
     EXPECT_EQ(se(1), "00101");  // codeNum 4: the writer's own positive mapping
     EXPECT_EQ(se(-1), "011");
 
-    EXPECT_EQ(LengthExponentialGolombCode(0), 1u);
-    EXPECT_EQ(LengthExponentialGolombCode(1), 3u);
-    EXPECT_EQ(LengthExponentialGolombCode(2), 3u);
-    EXPECT_EQ(LengthExponentialGolombCode(3), 5u);
-    EXPECT_EQ(LengthExponentialGolombCode(127), 15u);
-    EXPECT_EQ(LengthExponentialGolombCode(-1), 2u);
+    const std::pair<int32_t, uint32_t> lengths[] = {{0, 1}, {1, 3}, {2, 3}, {3, 5}, {127, 15}, {-1, 2}};
+    for (auto [v, length] : lengths) EXPECT_EQ(LengthExponentialGolombCode(v), length) << v;
 
     EXPECT_EQ(written([](BitBuffer* bb) { WriteBits(bb, 1, 6); }), "0");
     EXPECT_EQ(written([](BitBuffer* bb) { WriteBits(bb, 0, 7); }), "");
@@ -177,9 +168,7 @@ TEST(BitBuffer, MemoryGuardKeepsAccessInsideSizeBytes) {
     EXPECT_EQ(ReadBits(&bb, 8), 0xF0u);  // bits 16..19 lie inside sizeBits but past sizeBytes
     bb.bitPos = 14;
     WriteBits(&bb, 8, 0);
-    EXPECT_EQ(data[1], 0xFC);
-    EXPECT_EQ(data[2], 0xEE);  // dropped
-    EXPECT_EQ(bb.bitPos, 22u);
+    EXPECT_EQ(std::tuple(data[1], data[2], bb.bitPos), std::tuple(0xFC, 0xEE, 22u));  // the byte past sizeBytes dropped
 }
 
 TEST(EmitNalUnit, EmulationPreventionAndFraming) {

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <random>
+#include <tuple>
 #include <vector>
 
 #include "foundation/nalscan/nalscan.h"
@@ -20,31 +21,19 @@ Found scan(const std::vector<uint8_t>& b) {
 }  // namespace
 
 TEST(NalScanner, ReportsUnitsUpToTheEndOfTheBuffer) {
-    Found f = scan({0, 0, 1});
-    EXPECT_EQ(f.result, 3);
-    EXPECT_EQ(f.start, 0);
-    EXPECT_EQ(f.end, 3);
-
-    f = scan({0, 0, 1, 0x40, 0x01, 0x0C});
-    EXPECT_EQ(f.result, 3);
-    EXPECT_EQ(f.start, 3);
-    EXPECT_EQ(f.end, 6);
-
-    f = scan({0, 0, 0, 1, 0x42, 0x01, 0, 0, 1, 0x44, 0x01});
-    EXPECT_EQ(f.start, 4);
-    EXPECT_EQ(f.end, 6);
-    EXPECT_EQ(f.result, 2);
-
-    f = scan({0x40, 0x01, 0, 0, 0, 0, 1, 0x44});  // leading bytes before the first start code
-    EXPECT_EQ(f.start, 7);
-    EXPECT_EQ(f.end, 8);
-    EXPECT_EQ(f.result, 1);
-    f = scan({9, 0, 0, 0, 0, 0, 0, 0});
-    EXPECT_EQ(f.result, 0);
-    f = scan({0, 0, 1, 0, 0, 1, 5});  // an empty unit
-    EXPECT_EQ(f.start, 3);
-    EXPECT_EQ(f.end, 3);
-    EXPECT_EQ(f.result, 0);
+    // Units run to the next start code or the buffer's end; bytes before the
+    // first start code are skipped; a unit may be empty.
+    const struct { std::vector<uint8_t> bytes; int32_t result, start, end; } rows[] = {
+        {{0, 0, 1}, 3, 0, 3},
+        {{0, 0, 1, 0x40, 0x01, 0x0C}, 3, 3, 6},
+        {{0, 0, 0, 1, 0x42, 0x01, 0, 0, 1, 0x44, 0x01}, 2, 4, 6},
+        {{0x40, 0x01, 0, 0, 0, 0, 1, 0x44}, 1, 7, 8},
+        {{0, 0, 1, 0, 0, 1, 5}, 0, 3, 3}};
+    for (const auto& r : rows) {
+        const Found f = scan(r.bytes);
+        EXPECT_EQ(std::tuple(f.result, f.start, f.end), std::tuple(r.result, r.start, r.end)) << r.bytes.size();
+    }
+    EXPECT_EQ(scan({9, 0, 0, 0, 0, 0, 0, 0}).result, 0);
 }
 
 TEST(NalScanner, AgreesWithNaiveSearch) {
@@ -76,18 +65,16 @@ TEST(NalScanner, ReadsHevcHeaders) {
     h264_stream_t* h = h264_new();
     ASSERT_NE(h, nullptr);
     const uint8_t vps[] = {0x40, 0x01}, sei[] = {0x4E, 0x01}, odd[] = {0xFF, 0xFF}, one[] = {0x26};
+    // forbidden bit, type, layer, temporal id
+    auto header = [&] { return std::tuple(h->nal.forbidden_zero_bit, h->nal.nal_unit_type, h->nal.nuh_layer_id,
+                                          h->nal.nuh_temporal_id); };
     read_nal_unit(h, vps, 2);
-    EXPECT_EQ(h->nal.nal_unit_type, 32);
-    EXPECT_EQ(h->nal.nuh_layer_id, 0);
-    EXPECT_EQ(h->nal.nuh_temporal_id, 0);
+    EXPECT_EQ(header(), std::tuple(0, 32, 0, 0));
     read_nal_unit(h, sei, 2);
-    EXPECT_EQ(h->nal.nal_unit_type, 39);
+    EXPECT_EQ(header(), std::tuple(0, 39, 0, 0));
     read_nal_unit(h, odd, 2);
-    EXPECT_EQ(h->nal.forbidden_zero_bit, 1);
-    EXPECT_EQ(h->nal.nuh_layer_id, 63);
-    EXPECT_EQ(h->nal.nuh_temporal_id, 6);
+    EXPECT_EQ(header(), std::tuple(1, 63, 63, 6));
     EXPECT_EQ(read_nal_unit(h, one, 1), 1);  // a one-byte unit reads its missing byte as 0
-    EXPECT_EQ(h->nal.nal_unit_type, 19);
-    EXPECT_EQ(h->nal.nuh_temporal_id, -1);
+    EXPECT_EQ(header(), std::tuple(0, 19, 0, -1));
     h264_free(h);
 }

@@ -4,6 +4,8 @@
 #include <cstring>
 #include <random>
 #include <string>
+#include <tuple>
+#include <utility>
 
 #include "qnvutil/timecodetext.h"
 
@@ -19,24 +21,19 @@ const uint32_t kTypes[] = {0, 1, 2, 4, 8, 16, 32, 64, 128, 132};
 }  // namespace
 
 TEST(TimecodeText, KnownTexts) {
-    EXPECT_EQ(fmt(107892, 0x32100), "107892");
-    EXPECT_EQ(fmt(86400, 1 | 0x32100), "01:00:00:00");
-    EXPECT_EQ(fmt(108000, 2 | 0x32100), "01:00:00:00");
-    EXPECT_EQ(fmt(90000 + 24, 8 | 0x32100), "01:00:00:24");
-    // 29.97 drop-frame: labels 00 and 01 are skipped except every tenth minute.
-    EXPECT_EQ(fmt(1799, 4 | 0x100), "00:00:59;29");
-    EXPECT_EQ(fmt(1800, 4 | 0x100), "00:01:00;02");
-    EXPECT_EQ(fmt(17982, 4 | 0x100), "00:10:00;00");
-    EXPECT_EQ(fmt(107892, 4 | 0x100), "01:00:00;00");
-    // Frame pairs above 30 fps: the second frame of a pair is marked.
-    EXPECT_EQ(fmt(120, 64 | 0x32100), "00:00:02:00");
-    EXPECT_EQ(fmt(121, 64 | 0x32100), "00:00:02.00");
-    EXPECT_EQ(fmt(3601, 32 | 0x32100), "00:01:00,02");
-    EXPECT_EQ(fmt(101, 16 | 0x32100), "00:00:02.00");
-    EXPECT_EQ(fmt(0xFFFFFFFFu, 1 | 0x10100), "49710:16:10:15");
-    EXPECT_EQ(fmt(24, 132 | 0x32100), "00:00:01:00");
-    EXPECT_EQ(fmt(60, 0xB2140), "00:00:01:00");  // the fixed word counts as type 64
-    EXPECT_EQ(fmt(30, 77), "00:00:01:00");  // unknown types count as 30 non-drop
+    // 29.97 drop-frame skips labels 00 and 01 except every tenth minute;
+    // above 30 fps the second frame of a pair is marked; the fixed word
+    // 0xB2140 counts as type 64; unknown types count as 30 non-drop.
+    const std::tuple<uint32_t, uint32_t, const char*> rows[] = {
+        {107892, 0x32100, "107892"},             {86400, 1 | 0x32100, "01:00:00:00"},
+        {108000, 2 | 0x32100, "01:00:00:00"},    {90000 + 24, 8 | 0x32100, "01:00:00:24"},
+        {1799, 4 | 0x100, "00:00:59;29"},        {1800, 4 | 0x100, "00:01:00;02"},
+        {17982, 4 | 0x100, "00:10:00;00"},       {107892, 4 | 0x100, "01:00:00;00"},
+        {120, 64 | 0x32100, "00:00:02:00"},      {121, 64 | 0x32100, "00:00:02.00"},
+        {3601, 32 | 0x32100, "00:01:00,02"},     {101, 16 | 0x32100, "00:00:02.00"},
+        {0xFFFFFFFFu, 1 | 0x10100, "49710:16:10:15"}, {24, 132 | 0x32100, "00:00:01:00"},
+        {60, 0xB2140, "00:00:01:00"},            {30, 77, "00:00:01:00"}};
+    for (const auto& [frames, word, want] : rows) EXPECT_EQ(fmt(frames, word), want) << frames << " " << word;
 
     char bin[4];
     ASSERT_EQ(TimecodeTextFormat(107892 * 2 + 1, 32 | 0x400, bin), TCT_OK);
@@ -66,26 +63,26 @@ TEST(TimecodeText, ParseInvertsFormatForEveryType) {
 }
 
 TEST(TimecodeText, MalformedTextLeavesCountUnchanged) {
-    const char* bad[] = {"", "1:00:00", "01:60:00;00", "01:00:60;00", "01:00:00;30", "ab:00:00;00",
-                         "01:00:00;0", "01:00:00;00x", "99999999999:00:00;00"};
-    for (const char* text : bad) {
+    // Drop separators belong to drop-frame types only, and skipped labels do
+    // not exist.
+    const uint32_t df = 4 | 0x100;
+    const std::pair<const char*, uint32_t> bad[] = {
+        {"", df}, {"1:00:00", df}, {"01:60:00;00", df}, {"01:00:60;00", df}, {"01:00:00;30", df},
+        {"ab:00:00;00", df}, {"01:00:00;0", df}, {"01:00:00;00x", df}, {"99999999999:00:00;00", df},
+        {"01:00:00;00", 2 | 0x100}, {"01:00:00:00", df}, {"00:01:00;01", df}, {"4294967296", 0x100}};
+    for (auto [text, word] : bad) {
         uint32_t n = 1234;
-        EXPECT_NE(TimecodeTextParse(text, 4 | 0x100, &n), TCT_OK) << text;
+        EXPECT_NE(TimecodeTextParse(text, word, &n), TCT_OK) << text;
         EXPECT_EQ(n, 1234u) << text;
     }
-    // Drop separators belong to drop-frame types only, and skipped labels do not exist.
-    uint32_t m = 1234;
-    EXPECT_NE(TimecodeTextParse("01:00:00;00", 2 | 0x100, &m), TCT_OK);
-    EXPECT_NE(TimecodeTextParse("01:00:00:00", 4 | 0x100, &m), TCT_OK);
-    EXPECT_NE(TimecodeTextParse("00:01:00;01", 4 | 0x100, &m), TCT_OK);
-    EXPECT_EQ(m, 1234u);
+    // Spaces around, -1 as 32 bits, and '.' like ':' without pairs.
+    const std::tuple<const char*, uint32_t, uint32_t> good[] = {
+        {" 00:10:00;00 ", 4, 17982}, {"-1", 0x100, 0xFFFFFFFF}, {"00:00:00.01", 2, 1}};
+    for (const auto& [text, word, want] : good) {
+        uint32_t n = 0;
+        EXPECT_EQ(TimecodeTextParse(text, word, &n), TCT_OK) << text;
+        EXPECT_EQ(n, want) << text;
+    }
     uint32_t n = 0;
-    EXPECT_EQ(TimecodeTextParse(" 00:10:00;00 ", 4, &n), TCT_OK);
-    EXPECT_EQ(n, 17982u);
-    EXPECT_EQ(TimecodeTextParse("-1", 0x100, &n), TCT_OK);
-    EXPECT_EQ(n, 0xFFFFFFFFu);
-    EXPECT_NE(TimecodeTextParse("4294967296", 0x100, &n), TCT_OK);
-    EXPECT_EQ(TimecodeTextParse("00:00:00.01", 2, &n), TCT_OK);  // '.' reads like ':' without pairs
-    EXPECT_EQ(n, 1u);
     EXPECT_EQ(TimecodeTextParse(nullptr, 2, &n), TCT_BADARG);
 }
