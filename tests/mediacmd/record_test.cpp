@@ -130,13 +130,7 @@ TEST(MediaCmdNames, FlagNamesFirstMatch) {
     EXPECT_EQ(cfToString(0x80000000u, nullptr), 0u);
 }
 
-TEST(MediaCmdNames, ValueTableOrderAndFirstMatch) {
-    auto table = qnv::valueNameTable();
-    // The 1054 block stands before 1028; the 50000 block ends irregularly.
-    auto index = [&](const char* name) { return qnv::findByName(table, name) - table.data(); };
-    EXPECT_EQ(index("recordnameflags") + 1, index("vidinputvalid"));
-    EXPECT_EQ(table[index("proxyfiletype") + 1].code, 50021u);
-    EXPECT_EQ(table.back().code, 0x7FFF0003u);
+TEST(MediaCmdNames, ValueNamesFirstMatch) {
     EXPECT_EQ(nameOf(gsToString, 20003), "sysdroppedframes");
     EXPECT_EQ(nameOf(gsToString, 50015), "proxyfilecompressiontype");
     EXPECT_EQ(nameOf(gsToString, 64014), "-");
@@ -148,7 +142,7 @@ TEST(MediaCmdNames, ValueTableOrderAndFirstMatch) {
     char text[32];
     uint32_t code = 0;
     std::set<uint32_t> seen;
-    for (const qnv::CodeName& row : table) {
+    for (const qnv::CodeName& row : qnv::valueNameTable()) {
         ASSERT_LT(std::strlen(row.name), 31u);
         ASSERT_EQ(gsFromString(row.name, &code), 0u);
         ASSERT_EQ(code, row.code);
