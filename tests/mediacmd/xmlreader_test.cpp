@@ -147,10 +147,12 @@ TEST(MediaCmdReader, HostileSizesStayInsideTheRecord) {
     EXPECT_EQ(MediaCmdFromXMLString(c.get(), nullptr, xml.c_str()), 0u);
     EXPECT_EQ(c->StructSize, 4188u);
     EXPECT_EQ(c->FileName[4102], 'w') << "arbID bytes 0x77 up to the record's end";
-    xml = "<MediaCmd><StructSize Value='3'/><ClipID>" + big + "</ClipID><FileName>" + big + "</FileName></MediaCmd>";
+    xml = "<MediaCmd><prev Value='-1'/><StructSize Value='3'/><ClipID>" + big + "</ClipID><FileName>" + big +
+          "</FileName></MediaCmd>";
     EXPECT_EQ(MediaCmdFromXMLString(c.get(), nullptr, xml.c_str()), 0u);
     EXPECT_EQ(c->StructSize, 3u);
-    EXPECT_EQ(c->CmdID, MEDIACMD_ID) << "the header is not overwritten";
+    EXPECT_EQ(std::pair(reinterpret_cast<uintptr_t>(c->prev), c->CmdID), std::pair(uintptr_t(0xFFFFFFFF), MEDIACMD_ID))
+        << "the header is not overwritten";
     EXPECT_EQ(c->FileName[4102], 0);
     // A record handed in smaller than the text's data: nothing past its end.
     auto* small = static_cast<MediaCmd*>(::operator new(90));
