@@ -30,99 +30,68 @@ Bytes tail(const Bytes& b, size_t from) { return Bytes(b.begin() + from, b.end()
 
 class CaptionPacket : public SeiTest {};
 
-TEST_F(CaptionPacket, AcceptsWellFormedPacketsAndRefusesWrongIdentifiersSilently) {
-    for (uint32_t n : {0u, 3u, 10u}) EXPECT_EQ(validateCaptionPacket(packet(n).data(), 20 + 3 * n), 0) << n;
-    for (size_t at : {4, 5, 7, 8, 9}) {
-        Bytes p = packet(3);
-        p[at] ^= 0x10;
-        EXPECT_EQ(validateCaptionPacket(p.data(), uint32_t(p.size())), -1) << at;
+TEST_F(CaptionPacket, ValidationResultsAndComplaints) {
+    auto set = [](Bytes p, size_t at, uint8_t value) { return p[at] = value, p; };
+    const Bytes p0 = packet(0), p3 = packet(3), p4 = packet(4);
+    const Bytes plainSum = set(p4, p4.size() - 1, static_cast<uint8_t>(0x100 - p4.back()));  // the sum itself
+    const struct {
+        Bytes packet;
+        int32_t result;
+        std::string complaint;
+    } rows[] = {
+        {p0, 0, ""}, {p3, 0, ""}, {packet(10), 0, ""}, {plainSum, 0, ""},
+        // Wrong identifiers are refused silently.
+        {set(p3, 4, 0x71), -1, ""}, {set(p3, 5, 0x11), -1, ""}, {set(p3, 7, 0x86), -1, ""},
+        {set(p3, 8, 0x79), -1, ""}, {set(p3, 9, 0x19), -1, ""},
+        // Footer counter low byte: reported, and the checksum, now wrong as well, is not checked.
+        {set(p3, p3.size() - 2, 0x35), -2, "ERROR: mfcc, counts don't match 0x12 0x34 != 0x12 0x35  "},
+        // A size other than DC + 7 is only a warning (the old checksum joins the sum, still 0).
+        {cat({packet(2), {0}}), 0, "ERROR: mfcc, expectsize 27, calculated size 26 "},
+        {set(plainSum, p4.size() - 1, plainSum.back() ^ 1), -3, "ERROR: mfcc, bad CC 708 Checksum "},
+        // Too short for the fields: exact size, so that a read past it trips the sanitizer.
+        {Bytes(p0.begin(), p0.begin() + 13), -1, ""},
+        {set(set(p0, 6, 40), 9, 40), -1, "ERROR: mfcc, expectsize 20, calculated size 47 "},
+        {Bytes(p0.begin(), p0.begin() + 18), -1, "ERROR: mfcc, expectsize 18, calculated size 20 "},
+    };
+    for (const auto& row : rows) {
+        log.clear();
+        EXPECT_EQ(validateCaptionPacket(row.packet.data(), uint32_t(row.packet.size())), row.result) << &row - rows;
+        EXPECT_EQ(log, row.complaint.empty() ? std::vector<std::string>{} : std::vector<std::string>{row.complaint});
     }
-    EXPECT_TRUE(log.empty());
-}
-
-TEST_F(CaptionPacket, CounterMismatchIsReportedAndSkipsTheChecksum) {
-    Bytes p = packet(3);
-    p[p.size() - 2] = 0x35;  // footer counter low byte, checksum now wrong as well
-    EXPECT_EQ(validateCaptionPacket(p.data(), uint32_t(p.size())), -2);
-    EXPECT_EQ(log, (std::vector<std::string>{"ERROR: mfcc, counts don't match 0x12 0x34 != 0x12 0x35  "}));
-}
-
-TEST_F(CaptionPacket, SizeOtherThanDataCountIsOnlyAWarning) {
-    Bytes p = packet(2);
-    p.push_back(0);  // the old checksum joins the sum, which stays 0 mod 256
-    EXPECT_EQ(validateCaptionPacket(p.data(), uint32_t(p.size())), 0);
-    EXPECT_EQ(log, (std::vector<std::string>{"ERROR: mfcc, expectsize 27, calculated size 26 "}));
-}
-
-TEST_F(CaptionPacket, ChecksumMayAlsoEqualThePlainSum) {
-    Bytes p = packet(4);
-    p.back() = static_cast<uint8_t>(0x100 - p.back());  // the sum itself
-    EXPECT_EQ(validateCaptionPacket(p.data(), uint32_t(p.size())), 0);
-    p.back() ^= 1;
-    EXPECT_EQ(validateCaptionPacket(p.data(), uint32_t(p.size())), -3);
-    EXPECT_EQ(log, (std::vector<std::string>{"ERROR: mfcc, bad CC 708 Checksum "}));
-}
-
-TEST_F(CaptionPacket, PacketsTooShortForTheirFieldsAreRefused) {
-    Bytes p = packet(0);
-    Bytes head(p.begin(), p.begin() + 13);  // exact size: a read past it trips the sanitizer
-    EXPECT_EQ(validateCaptionPacket(head.data(), 13), -1);
-    p[6] = p[9] = 40;  // footer announced far beyond the 20 bytes
-    EXPECT_EQ(validateCaptionPacket(p.data(), uint32_t(p.size())), -1);
-    EXPECT_EQ(log, (std::vector<std::string>{"ERROR: mfcc, expectsize 20, calculated size 47 "}));
 }
 
 class AvcCaptions : public SeiTest {};
 
-TEST_F(AvcCaptions, AnnexBSeiFollowsTheParameterSetsAndJoinsTheSliceStartCode) {
-    const Bytes p = packet(12), frame = cat({kAud, kSps, kPps, kSlice});
-    Bytes buffer(frame.size() + 400);
-    DFrame f = frameOver(buffer, frame);
-    ASSERT_EQ(qnvutilAddAVCCaptions(&f, p.data(), uint32_t(p.size()), 0), 0);
-    const Bytes sei = avcSei(p, 30, false);  // 36 caption bytes, 30 copied
-    EXPECT_EQ(sei[14], 0xCA);                // cc_count stays 10
-    EXPECT_EQ(contents(f), cat({kAud, kSps, kPps, sei, tail(kSlice, 1)}));  // ... 0x80 00 00 01 65
-    EXPECT_EQ(f.frameSize, frame.size() + sei.size() - 1);
-}
-
-TEST_F(AvcCaptions, LengthPrefixedSeiFollowsTheParameterSets) {
-    auto lp = [](Bytes unit) {
-        unit[3] = static_cast<uint8_t>(unit.size() - 4);
-        return unit;
-    };
-    const Bytes p = packet(5), frame = cat({lp(kAud), lp(kSps), lp(kPps), lp(kSlice)});
-    Bytes buffer(frame.size() + 400);
-    DFrame f = frameOver(buffer, frame);
-    ASSERT_EQ(qnvutilAddAVCCaptions(&f, p.data(), uint32_t(p.size()), 1), 0);
-    // 21 caption bytes, the last two lying past the packet, which read as 0.
-    Bytes padded = p;
-    padded.resize(64, 0);
-    EXPECT_EQ(contents(f), cat({lp(kAud), lp(kSps), lp(kPps), avcSei(padded, 21, true), lp(kSlice)}));
-
-    // A one-byte unit's size field reads 00 00 00 01 and is joined like a start code.
-    Bytes one = {0, 0, 0, 1, 0x0C};
-    f = frameOver(buffer, one);
-    ASSERT_EQ(qnvutilAddAVCCaptions(&f, p.data(), uint32_t(p.size()), 1), 0);
-    EXPECT_EQ(contents(f), cat({avcSei(padded, 21, true), tail(one, 1)}));
-}
-
-TEST_F(AvcCaptions, WithoutParameterSetsInTheFirst256BytesTheSeiGoesAtOffset6) {
-    const Bytes p = packet(10), sei = avcSei(p, 30, false);
-    Bytes buffer(2048);
-    DFrame f = frameOver(buffer, cat({kAud, kSlice}));
-    ASSERT_EQ(qnvutilAddAVCCaptions(&f, p.data(), uint32_t(p.size()), 0), 0);
-    EXPECT_EQ(contents(f), cat({kAud, sei, tail(kSlice, 1)}));
-
-    Bytes filler = {0, 0, 0, 1, 0x0C};
+TEST_F(AvcCaptions, SeiFollowsTheParameterSetsOrGoesAtOffset6) {
+    auto lp = [](Bytes unit) { return unit[3] = static_cast<uint8_t>(unit.size() - 4), unit; };
+    const Bytes p5 = packet(5), p10 = packet(10), p12 = packet(12), one = {0, 0, 0, 1, 0x0C};
+    Bytes padded = p5, filler = {0, 0, 0, 1, 0x0C};
+    padded.resize(64, 0);  // 21 caption bytes, the last two lying past the packet, which read as 0
     filler.resize(300, 0xFF);
     const Bytes late = cat({kAud, filler, kSps, kPps, kSlice});
-    f = frameOver(buffer, late);
-    ASSERT_EQ(qnvutilAddAVCCaptions(&f, p.data(), uint32_t(p.size()), 0), 0);
-    EXPECT_EQ(contents(f), cat({kAud, sei, tail(late, 7)}));
-
-    f = frameOver(buffer, {0, 0, 1, 9});  // shorter than the fallback offset: SEI at its end
-    ASSERT_EQ(qnvutilAddAVCCaptions(&f, p.data(), uint32_t(p.size()), 0), 0);
-    EXPECT_EQ(contents(f), cat({{0, 0, 1, 9}, sei}));
+    const struct {
+        Bytes frame, packet;
+        int8_t lengthPrefixed;
+        Bytes expected;
+    } rows[] = {
+        // 36 caption bytes, 30 copied; the SEI's 0x80 joins the slice's start code.
+        {cat({kAud, kSps, kPps, kSlice}), p12, 0, cat({kAud, kSps, kPps, avcSei(p12, 30, false), tail(kSlice, 1)})},
+        {cat({lp(kAud), lp(kSps), lp(kPps), lp(kSlice)}), p5, 1,
+         cat({lp(kAud), lp(kSps), lp(kPps), avcSei(padded, 21, true), lp(kSlice)})},
+        // A one-byte unit's size field reads 00 00 00 01 and is joined like a start code.
+        {one, p5, 1, cat({avcSei(padded, 21, true), tail(one, 1)})},
+        // No SPS and PPS within the first 256 bytes: offset 6, or the end of a shorter frame.
+        {cat({kAud, kSlice}), p10, 0, cat({kAud, avcSei(p10, 30, false), tail(kSlice, 1)})},
+        {late, p10, 0, cat({kAud, avcSei(p10, 30, false), tail(late, 7)})},
+        {{0, 0, 1, 9}, p10, 0, cat({{0, 0, 1, 9}, avcSei(p10, 30, false)})},
+    };
+    Bytes buffer(2048);
+    for (const auto& row : rows) {
+        DFrame f = frameOver(buffer, row.frame);
+        ASSERT_EQ(qnvutilAddAVCCaptions(&f, row.packet.data(), uint32_t(row.packet.size()), row.lengthPrefixed), 0);
+        EXPECT_EQ(contents(f), row.expected) << &row - rows;
+    }
+    EXPECT_TRUE(log.empty());
 }
 
 TEST_F(AvcCaptions, RoomIsDemandedForFrameCaptionsAnd285Bytes) {
@@ -173,31 +142,24 @@ protected:
     const Bytes kIdr = {0, 0, 0, 1, 0x26, 0x01, 0xAF, 0x05}, kTrail = {0, 0, 1, 0x02, 0x01, 0xD0, 0x09};
 };
 
-TEST_F(HevcCaptions, SeiGoesInFrontOfTheFirstSliceAndFrameSizeIsLeftToTheCaller) {
+TEST_F(HevcCaptions, SeiGoesInFrontOfTheFirstSliceWithAsManyBytesAsTheFrameRateAllows) {
     const Bytes p = packet(28), frame = cat({kParams, kIdr, kTrail});  // 90 caption bytes
     Bytes buffer(frame.size() + 200);
-    DFrame f = frameOver(buffer, frame);
-    setCaption(f, p);
-    const uint32_t added = qnvUtilAddHevcCaptions(&f, 25);
-    EXPECT_EQ(log, (std::vector<std::string>{"/nToo many CC bytes 90 truncated to 72"}));
-    Bytes sei = {0, 0, 0, 1, 0x4E, 0x01, 0x04, 84, 0xB5, 0x00, 0x31, 'G', 'A', '9', '4', 0x03, 0xCA, 0xFF};
-    sei.insert(sei.end(), p.begin() + 16, p.begin() + 16 + 72);
-    sei.insert(sei.end(), {0xFF, 0x80, 0x80});
-    ASSERT_EQ(added, sei.size());
-    EXPECT_EQ(f.frameSize, frame.size());
-    f.frameSize += added;
-    EXPECT_EQ(contents(f), cat({kParams, sei, kIdr, kTrail}));
-}
-
-TEST_F(HevcCaptions, FrameRateLimitsTheCaptionBytes) {
-    const Bytes p = packet(28), frame = cat({kIdr});
-    Bytes buffer(400);
     const std::pair<uint32_t, uint32_t> limits[] = {{23, 75}, {24, 75}, {25, 72}, {29, 60},
                                                     {30, 60}, {50, 36}, {60, 30}, {0, 30}};
     for (auto [rate, limit] : limits) {
+        log.clear();
         DFrame f = frameOver(buffer, frame);
         setCaption(f, p);
-        EXPECT_EQ(qnvUtilAddHevcCaptions(&f, rate), 21 + limit) << rate;
+        const uint32_t added = qnvUtilAddHevcCaptions(&f, rate);
+        EXPECT_EQ(log, std::vector<std::string>{"/nToo many CC bytes 90 truncated to " + std::to_string(limit)});
+        Bytes sei = {0, 0, 0, 1, 0x4E, 0x01, 0x04, uint8_t(12 + limit), 0xB5, 0x00, 0x31, 'G', 'A', '9', '4', 0x03, 0xCA, 0xFF};
+        sei.insert(sei.end(), p.begin() + 16, p.begin() + 16 + limit);
+        sei.insert(sei.end(), {0xFF, 0x80, 0x80});
+        ASSERT_EQ(added, sei.size()) << rate;
+        EXPECT_EQ(f.frameSize, frame.size()) << "left to the caller";
+        f.frameSize += added;
+        EXPECT_EQ(contents(f), cat({kParams, sei, kIdr, kTrail})) << rate;
     }
 }
 

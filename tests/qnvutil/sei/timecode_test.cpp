@@ -1,4 +1,5 @@
 // Time code SEI insertion into HEVC frames.
+#include <bitset>
 #include <string>
 
 #include "qnvutil/timecodetext.h"
@@ -13,18 +14,12 @@ const Bytes kAud = {0, 0, 0, 1, 0x46, 0x01, 0x50}, kVps = {0, 0, 0, 1, 0x40, 0x0
 
 // The time code SEI NAL unit, from its syntax written out bit by bit.
 Bytes timeCodeSei(uint32_t hh, uint32_t mm, uint32_t ss, uint32_t ff, bool dropped) {
-    auto bin = [](uint32_t v, int n) {
-        std::string s;
-        for (int i = n - 1; i >= 0; --i) s += (v >> i) & 1 ? '1' : '0';
-        return s;
-    };
+    auto bin = [](uint32_t v, int n) { return std::bitset<32>(v).to_string().substr(32 - n); };
     std::string bits = "01" "1" "0" "00000" "1" "0" + bin(dropped, 1) + bin(ff, 9) + bin(ss, 6) + bin(mm, 6) +
                        bin(hh, 5) + "00000" + "1";
     while (bits.size() % 8) bits += '0';
-    Bytes payload;
-    for (size_t i = 0; i < bits.size(); i += 8) payload.push_back(uint8_t(std::stoi(bits.substr(i, 8), nullptr, 2)));
-    Bytes sei = {0, 0, 0, 1, 0x4E, 0x01, 136, uint8_t(payload.size())};
-    for (uint8_t b : payload) sei.push_back(b);
+    Bytes sei = {0, 0, 0, 1, 0x4E, 0x01, 136, uint8_t(bits.size() / 8)};
+    for (size_t i = 0; i < bits.size(); i += 8) sei.push_back(uint8_t(std::stoi(bits.substr(i, 8), nullptr, 2)));
     sei.push_back(0x80);
     return sei;
 }
@@ -39,64 +34,36 @@ uint32_t count(const char* text, uint32_t type) {
 
 class HevcTimeCode : public SeiTest {};
 
-TEST_F(HevcTimeCode, WritesTheClockTimestampInFrontOfTheFrame) {
-    Bytes buffer(64);
-    DFrame f = frameOver(buffer, kSlice);
-    f.frameTimecode = count("01:02:03;04", 4);
-    f.frameBytesTotal = 1000;
-    EXPECT_EQ(qnvutilAddHEVCTimeCode(&f, 4), 0);
-    const Bytes sei = timeCodeSei(1, 2, 3, 4, true);
-    EXPECT_EQ(sei[8], 0x60);
-    EXPECT_EQ(sei[9] >> 4, 0x5);
-    EXPECT_EQ(contents(f), cat({sei, kSlice}));
-    EXPECT_EQ(f.frameBytesTotal, 1000 + sei.size());
-
-    f = frameOver(buffer, kSlice);
-    f.frameTimecode = count("10:59:59:24", 8);
-    qnvutilAddHEVCTimeCode(&f, 8);
-    EXPECT_EQ(contents(f), cat({timeCodeSei(10, 59, 59, 24, false), kSlice}));
-}
-
-TEST_F(HevcTimeCode, ZeroTimecodeGainsAnEmulationPreventionByte) {
-    Bytes buffer(64);
-    DFrame f = frameOver(buffer, kSlice);
-    qnvutilAddHEVCTimeCode(&f, 2);
-    Bytes sei = timeCodeSei(0, 0, 0, 0, false);  // payload 60 80 00 00 00 20
-    sei.insert(sei.begin() + 12, 0x03);
-    EXPECT_EQ(contents(f), cat({sei, kSlice}));
-}
-
-TEST_F(HevcTimeCode, PlaceFollowsTheFirstPrefixSeiOrTheDelimiter) {
+TEST_F(HevcTimeCode, ClockTimestampGoesInFrontOfTheFirstPrefixSeiOrBehindTheDelimiter) {
     const Bytes other = {0, 0, 0, 1, 0x4E, 0x01, 0x05, 0x01, 0x22, 0x80};
-    const Bytes sei = timeCodeSei(0, 0, 1, 2, true);
-    Bytes buffer(256);
-    DFrame f = frameOver(buffer, cat({kVps, other, kSlice}));
-    f.frameTimecode = 32;
-    qnvutilAddHEVCTimeCode(&f, 32);  // 59.94 drop-frame: 32 frames are 16 pairs
-    EXPECT_EQ(contents(f), cat({kVps, timeCodeSei(0, 0, 0, 16, true), other, kSlice}));
-
-    f = frameOver(buffer, cat({kAud, kSlice}));
-    f.frameTimecode = count("00:00:01;02", 4);
-    qnvutilAddHEVCTimeCode(&f, 4);
-    EXPECT_EQ(contents(f), cat({kAud, sei, kSlice}));
-
-    for (const Bytes& stamped : {cat({kAud, sei, kSlice}), cat({sei, kSlice})}) {
-        f = frameOver(buffer, stamped);
-        qnvutilAddHEVCTimeCode(&f, 4);  // already carries a time code
-        EXPECT_EQ(contents(f), stamped);
+    const Bytes sei = timeCodeSei(0, 0, 1, 2, true), cut = {0, 0, 0, 1, 0x46}, seiHeaderOnly = {0, 0, 0, 1, 0x4E};
+    Bytes zero = timeCodeSei(0, 0, 0, 0, false);  // payload 60 80 00 00 00 20
+    zero.insert(zero.begin() + 12, 0x03);            // gains an emulation-prevention byte
+    const uint32_t tc = count("00:00:01;02", 4);
+    const struct {
+        Bytes frame;
+        uint32_t timecode, type;
+        Bytes expected;
+    } rows[] = {
+        {kSlice, count("01:02:03;04", 4), 4, cat({timeCodeSei(1, 2, 3, 4, true), kSlice})},
+        {kSlice, count("10:59:59:24", 8), 8, cat({timeCodeSei(10, 59, 59, 24, false), kSlice})},
+        {kSlice, 0, 2, cat({zero, kSlice})},
+        {cat({kVps, other, kSlice}), 32, 32, cat({kVps, timeCodeSei(0, 0, 0, 16, true), other, kSlice})},  // 16 pairs
+        {cat({kAud, kSlice}), tc, 4, cat({kAud, sei, kSlice})},
+        {cat({kAud, sei, kSlice}), tc, 4, cat({kAud, sei, kSlice})},  // already carries a time code
+        {cat({sei, kSlice}), tc, 4, cat({sei, kSlice})},
+        {cut, tc, 4, cat({cut, sei})},  // shorter than the delimiter: SEI at its end
+        {cat({kVps, seiHeaderOnly}), tc, 4, cat({kVps, sei, seiHeaderOnly})},  // ends before its payloadType
+    };
+    for (const auto& row : rows) {
+        Bytes buffer(256, 136);  // bytes past the frame must not be taken for a time code's payloadType
+        DFrame f = frameOver(buffer, row.frame);
+        f.frameTimecode = row.timecode;
+        f.frameBytesTotal = 1000;
+        EXPECT_EQ(qnvutilAddHEVCTimeCode(&f, row.type), 0);
+        EXPECT_EQ(contents(f), row.expected) << &row - rows;
+        EXPECT_EQ(f.frameBytesTotal, 1000 + row.expected.size() - row.frame.size());
     }
-
-    const Bytes cut = {0, 0, 0, 1, 0x46};  // shorter than the delimiter: SEI at its end
-    f = frameOver(buffer, cut);
-    f.frameTimecode = count("00:00:01;02", 4);
-    qnvutilAddHEVCTimeCode(&f, 4);
-    EXPECT_EQ(contents(f), cat({cut, sei}));
-
-    const Bytes seiHeaderOnly = {0, 0, 0, 1, 0x4E};  // ends before its payloadType
-    f = frameOver(buffer, cat({kVps, seiHeaderOnly}));
-    f.frameTimecode = count("00:00:01;02", 4);
-    qnvutilAddHEVCTimeCode(&f, 4);
-    EXPECT_EQ(contents(f), cat({kVps, sei, seiHeaderOnly}));
     EXPECT_TRUE(log.empty());
 }
 
