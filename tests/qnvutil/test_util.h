@@ -17,6 +17,32 @@ inline std::vector<uint8_t> readData(const std::string& path) {
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
+struct Unit {
+    uint32_t offset;  // of the NAL header
+    std::vector<uint8_t> bytes;
+    uint32_t hevcType() const { return bytes.empty() ? 64 : (bytes[0] >> 1) & 63u; }
+};
+
+// Units of an Annex B stream (00 00 01 delimited; zeros before a start code
+// are not part of the preceding unit).
+inline std::vector<Unit> annexBUnits(const std::vector<uint8_t>& s) {
+    std::vector<Unit> units;
+    size_t begin = 0;
+    auto close = [&](size_t end) {
+        while (end > begin && s[end - 1] == 0) --end;
+        if (begin > 0) units.push_back({static_cast<uint32_t>(begin), {s.begin() + begin, s.begin() + end}});
+    };
+    for (size_t i = 0; i + 2 < s.size(); ++i) {
+        if (s[i] == 0 && s[i + 1] == 0 && s[i + 2] == 1) {
+            close(i);
+            begin = i + 3;
+            i += 2;
+        }
+    }
+    close(s.size());
+    return units;
+}
+
 // Standard output of a shell command.
 inline std::string runCommand(const std::string& command) {
     std::string out;

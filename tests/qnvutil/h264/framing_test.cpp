@@ -72,93 +72,74 @@ Bytes randomFrame(std::mt19937& rng, bool longUnits = false) {
 TEST(H264Framing, MarkerToSizeMatchesTheStepByStepWalk) {
     std::mt19937 rng(11);
     for (int round = 0; round < 220000; ++round) {
-        Bytes frame = randomFrame(rng, round % 10 == 0);
+        const Bytes frame = randomFrame(rng, round % 10 == 0);
         const uint32_t size = static_cast<uint32_t>(frame.size());
         if (size < 4) continue;
-        Bytes model(frame), fast(frame);
-        model.resize(size * 2 + 8, 0);
-        fast.resize(size * 2 + 8, 0);
-        uint32_t expected = modelMarkerToSize(model, size);
+        Bytes model = frame, fast = frame, checked = frame, generic = frame;
+        for (Bytes* b : {&model, &fast, &checked, &generic}) b->resize(size * 2 + 8, 0);
+        const uint32_t expected = modelMarkerToSize(model, size);
         ASSERT_EQ(qnvUtilh264MarkerToSize(fast.data(), size), expected) << "round " << round;
         ASSERT_EQ(fast, model) << "round " << round;
-
         // The checked form refuses one byte short and leaves the frame alone.
-        Bytes checked(frame);
-        checked.resize(size * 2 + 8, 0);
         ASSERT_EQ(qnvUtilh264MarkerToSizeChecked(checked.data(), size, expected - 1), 0xFFFFFFFFu);
         ASSERT_TRUE(std::equal(frame.begin(), frame.end(), checked.begin()));
         ASSERT_EQ(qnvUtilh264MarkerToSizeChecked(checked.data(), size, expected), expected);
         ASSERT_EQ(checked, model);
-
         // The baseline scan, which processors without AVX2 take, agrees too.
-        Bytes generic(frame);
-        generic.resize(size * 2 + 8, 0);
         ASSERT_EQ(qnv::h264ConvertGeneric(generic.data(), size, 0xFFFFFFFEu), expected);
         ASSERT_EQ(generic, model);
     }
 }
 
-TEST(H264Framing, MarkerToSizeExamples) {
-    Bytes one = {0, 0, 0, 1, 0x65, 0xAA, 0xBB, 0xCC, 0xDD};
-    EXPECT_EQ(qnvUtilh264MarkerToSize(one.data(), 9), 9u);
-    EXPECT_EQ(one, (Bytes{0, 0, 0, 5, 0x65, 0xAA, 0xBB, 0xCC, 0xDD}));
-
-    Bytes two = {0, 0, 1, 0x67, 0x11, 0x22, 0x33, 0, 0, 1, 0x68, 0x44, 0x55, 0x66, 0xEE, 0xEE};
-    EXPECT_EQ(qnvUtilh264MarkerToSize(two.data(), 14), 16u);
-    EXPECT_EQ(two, (Bytes{0, 0, 0, 4, 0x67, 0x11, 0x22, 0x33, 0, 0, 0, 4, 0x68, 0x44, 0x55, 0x66}));
-
-    // No start code: the first four bytes become size - 4.
-    Bytes none = {9, 9, 9, 9, 0x41, 0x42};
-    EXPECT_EQ(qnvUtilh264MarkerToSize(none.data(), 6), 6u);
-    EXPECT_EQ(none, (Bytes{0, 0, 0, 2, 0x41, 0x42}));
-
-    // A 00 00 01 in the last three bytes adds one without moving anything;
-    // the last unit's length stops before it.
-    Bytes tail = {0, 0, 0, 1, 0x65, 0, 0, 1, 0x77};
-    EXPECT_EQ(qnvUtilh264MarkerToSize(tail.data(), 8), 9u);
-    EXPECT_EQ(tail, (Bytes{0, 0, 0, 4, 0x65, 0, 0, 1, 0x77}));
-
-    // Frames shorter than a slot: only 00 00 01 converts (into its spare byte).
-    Bytes tiny = {0, 0, 1, 0x77};
-    EXPECT_EQ(qnvUtilh264MarkerToSizeChecked(tiny.data(), 3, 3), 0xFFFFFFFFu);
-    EXPECT_EQ(qnvUtilh264MarkerToSize(tiny.data(), 3), 4u);
-    EXPECT_EQ(tiny, (Bytes{0xFF, 0xFF, 0xFF, 0xFF}));
-    Bytes shortFrame = {0, 0};
-    EXPECT_EQ(qnvUtilh264MarkerToSize(shortFrame.data(), 2), 2u);
-    EXPECT_EQ(shortFrame, (Bytes{0, 0}));
+TEST(H264Framing, LiteralFrames) {
+    // MarkerToSize: `in` holds the frame's `size` bytes and its spare room;
+    // the checked form refuses one byte short of the result.
+    const struct { Bytes in; uint32_t size, result; Bytes out; } toSize[] = {
+        {{0, 0, 0, 1, 0x65, 0xAA, 0xBB, 0xCC, 0xDD}, 9, 9, {0, 0, 0, 5, 0x65, 0xAA, 0xBB, 0xCC, 0xDD}},
+        {{0, 0, 1, 0x67, 0x11, 0x22, 0x33, 0, 0, 1, 0x68, 0x44, 0x55, 0x66, 0xEE, 0xEE}, 14, 16,
+         {0, 0, 0, 4, 0x67, 0x11, 0x22, 0x33, 0, 0, 0, 4, 0x68, 0x44, 0x55, 0x66}},
+        {{9, 9, 9, 9, 0x41, 0x42}, 6, 6, {0, 0, 0, 2, 0x41, 0x42}},  // no start code: size - 4 over the first four
+        // A 00 00 01 in the last three bytes adds one without moving anything;
+        // the last unit's length stops before it.
+        {{0, 0, 0, 1, 0x65, 0, 0, 1, 0x77}, 8, 9, {0, 0, 0, 4, 0x65, 0, 0, 1, 0x77}},
+        // Frames shorter than a slot: only 00 00 01 converts (into its spare byte).
+        {{0, 0, 1, 0x77}, 3, 4, {0xFF, 0xFF, 0xFF, 0xFF}},
+        {{0, 0}, 2, 2, {0, 0}},
+    };
+    for (const auto& row : toSize) {
+        Bytes b = row.in;
+        ASSERT_EQ(qnvUtilh264MarkerToSizeChecked(b.data(), row.size, row.result - 1), 0xFFFFFFFFu);
+        EXPECT_EQ(b, row.in);
+        EXPECT_EQ(qnvUtilh264MarkerToSize(b.data(), row.size), row.result);
+        EXPECT_EQ(b, row.out) << &row - toSize;
+    }
     EXPECT_EQ(qnvUtilh264MarkerToSize(nullptr, 5), 0u);
+
+    // SizeToMarker: the first unit's length becomes 00 00 00 01.
+    const std::pair<Bytes, uint32_t> toMarker[] = {
+        {{0, 0, 0, 1, 0x67, 0, 0, 0, 9}, 9},          // already Annex B
+        {{0, 0, 0, 2, 0xAA, 0xBB, 0, 0, 0, 0}, 6},    // a zero length ends the frame
+        {{0, 0, 0, 2, 0xAA, 0xBB, 0, 0, 0, 5, 0xCC}, 11},  // a length past the end stops the conversion
+        // Fewer than four bytes after the last unit: zeros end the frame
+        // there, anything else is left and the whole size kept.
+        {{0, 0, 0, 2, 0xAA, 0xBB, 0, 0}, 6},
+        {{0, 0, 0, 2, 0xAA, 0xBB, 0, 7}, 8},
+    };
+    for (auto [in, result] : toMarker) {
+        Bytes b = in;
+        EXPECT_EQ(qnvUtilh264SizeToMarker(b.data(), static_cast<uint32_t>(b.size())), result);
+        in[3] = 1;
+        EXPECT_EQ(b, in);
+    }
 }
 
-TEST(H264Framing, SizeToMarker) {
-    Bytes annexB = {0, 0, 0, 1, 0x67, 0, 0, 0, 9};
-    EXPECT_EQ(qnvUtilh264SizeToMarker(annexB.data(), 9), 9u);
-    EXPECT_EQ(annexB, (Bytes{0, 0, 0, 1, 0x67, 0, 0, 0, 9}));
-
-    Bytes zeroEnds = {0, 0, 0, 2, 0xAA, 0xBB, 0, 0, 0, 0};
-    EXPECT_EQ(qnvUtilh264SizeToMarker(zeroEnds.data(), 10), 6u);
-    EXPECT_EQ(zeroEnds, (Bytes{0, 0, 0, 1, 0xAA, 0xBB, 0, 0, 0, 0}));
-
-    // A length running past the end stops the conversion; the rest stays.
-    Bytes overrun = {0, 0, 0, 1 + 1, 0xAA, 0xBB, 0, 0, 0, 9, 0xCC};
-    EXPECT_EQ(qnvUtilh264SizeToMarker(overrun.data(), 11), 11u);
-    EXPECT_EQ(overrun, (Bytes{0, 0, 0, 1, 0xAA, 0xBB, 0, 0, 0, 9, 0xCC}));
-
-    // Fewer than four bytes after the last unit: zeros end the frame there,
-    // anything else is left and the whole size kept.
-    Bytes trailing = {0, 0, 0, 2, 0xAA, 0xBB, 0, 0};
-    EXPECT_EQ(qnvUtilh264SizeToMarker(trailing.data(), 8), 6u);
-    Bytes trailing2 = {0, 0, 0, 2, 0xAA, 0xBB, 0, 7};
-    EXPECT_EQ(qnvUtilh264SizeToMarker(trailing2.data(), 8), 8u);
-
-    // Round trip of units of two bytes and more.
+TEST(H264Framing, SizeToMarkerUndoesMarkerToSize) {
     std::mt19937 rng(5);
     for (int round = 0; round < 2000; ++round) {
-        Bytes f;
-        int units = 1 + rng() % 5;
-        for (int u = 0; u < units; ++u) {
+        Bytes f;  // units of two bytes and more behind four-byte codes
+        for (int units = 1 + rng() % 5; units > 0; --units) {
             f.insert(f.end(), {0, 0, 0, 1});
-            int n = 2 + rng() % 9;
-            for (int i = 0; i < n; ++i) f.push_back(static_cast<uint8_t>(0x80 | rng()));
+            for (int n = 2 + rng() % 9; n > 0; --n) f.push_back(static_cast<uint8_t>(0x80 | rng()));
         }
         Bytes b(f);
         const uint32_t size = static_cast<uint32_t>(f.size());
@@ -170,39 +151,29 @@ TEST(H264Framing, SizeToMarker) {
 
 TEST(H264Framing, FindSpecificNAL) {
     const Bytes lp = {0, 0, 0, 2, 9, 0x10, 0, 0, 0, 3, 6, 1, 2, 0, 0, 0, 1, 0x65};
-    const uint8_t* found = nullptr;
-    uint32_t size = 0;
-    EXPECT_EQ(qnvUtilFindSpecificNAL(lp.data(), 18, 0, 0x06, &found, &size), 1);
-    EXPECT_EQ(found, lp.data() + 6);
-    EXPECT_EQ(size, 7u);
-    EXPECT_EQ(qnvUtilFindSpecificNAL(lp.data(), 18, 0, 0x65, &found, &size), 1);
-    EXPECT_EQ(found, lp.data() + 13);
-    EXPECT_EQ(size, 5u);
-    EXPECT_EQ(qnvUtilFindSpecificNAL(lp.data(), 18, 0, 0x68, &found, &size), 0);
-    EXPECT_EQ(found, nullptr);
-
     // A length past the end reports the unit up to the end of the buffer.
     const Bytes overrun = {0, 0, 0, 2, 9, 0x10, 0xFF, 0xFF, 0xFF, 0xFC, 6, 1};
-    EXPECT_EQ(qnvUtilFindSpecificNAL(overrun.data(), 12, 0, 0x06, &found, &size), 1);
-    EXPECT_EQ(found, overrun.data() + 6);
-    EXPECT_EQ(size, 6u);
-
     // Annex B: the scan stops at the first zero among three bytes and takes
     // the header four bytes later, so the PPS at 11 is missed and byte 13
     // (inside it) is taken for a header; the last unit is measured to where
     // the walk stopped (size - 4).
     const Bytes ab = {0, 0, 0, 1, 0x67, 0x42, 0x11, 0, 0, 0, 1, 0x68, 0xCE, 0x38, 0x80, 0x22};
-    EXPECT_EQ(qnvUtilFindSpecificNAL(ab.data(), 16, 1, 0x67, &found, &size), 1);
-    EXPECT_EQ(found, ab.data());
-    EXPECT_EQ(size, 5u);
-    EXPECT_EQ(qnvUtilFindSpecificNAL(ab.data(), 16, 1, 0x68, &found, &size), 0);
-    EXPECT_EQ(qnvUtilFindSpecificNAL(ab.data(), 16, 1, 0x38, &found, &size), 1);
-    EXPECT_EQ(found, ab.data() + 9);
-    EXPECT_EQ(size, 4u);
-
+    const struct { const Bytes& data; int32_t startCodes; uint8_t header; int64_t at; uint32_t size; } rows[] = {
+        {lp, 0, 0x06, 6, 7}, {lp, 0, 0x65, 13, 5}, {lp, 0, 0x68, -1, 0}, {overrun, 0, 0x06, 6, 6},
+        {ab, 1, 0x67, 0, 5}, {ab, 1, 0x68, -1, 0}, {ab, 1, 0x38, 9, 4},  // at -1: not found
+    };
+    for (const auto& row : rows) {
+        const uint8_t* found = row.data.data();
+        uint32_t size = 99;
+        EXPECT_EQ(qnvUtilFindSpecificNAL(row.data.data(), static_cast<uint32_t>(row.data.size()), row.startCodes,
+                                         row.header, &found, &size),
+                  row.at >= 0 ? 1 : 0);
+        EXPECT_EQ(found, row.at >= 0 ? row.data.data() + row.at : nullptr) << &row - rows;
+        EXPECT_EQ(size, row.size) << &row - rows;
+    }
     // Too short or null: the outputs are not written.
-    found = lp.data();
-    size = 99;
+    const uint8_t* found = lp.data();
+    uint32_t size = 99;
     EXPECT_EQ(qnvUtilFindSpecificNAL(lp.data(), 3, 0, 0x06, &found, &size), 0);
     EXPECT_EQ(qnvUtilFindSpecificNAL(nullptr, 18, 0, 0x06, &found, &size), 0);
     EXPECT_EQ(found, lp.data());
