@@ -1,13 +1,14 @@
 // HEVC parameter sets of x265 streams against ffmpeg's trace_headers values
-// (tests/data/hevc/make_fixtures.sh), the writers' round trip, the decode
-// check of spliced streams (when ffmpeg is installed) and the 'hvcC' box of
-// an ffmpeg-muxed MP4.
+// (tests/data/hevc/make_fixtures.sh), the writers' round trip and the decode
+// check of spliced streams (when ffmpeg is installed).
 #include <gtest/gtest.h>
 
-#include <cstdio>
+#include <bitset>
 #include <cstring>
+#include <fstream>
 #include <map>
 #include <sstream>
+#include <string>
 
 #include "qnvutil/hevc/hevc_internal.h"
 #include "tests/qnvutil/hevc/hevc_test_util.h"
@@ -39,11 +40,9 @@ struct TraceSection {
 };
 
 std::vector<TraceSection> loadTrace(const std::string& stream) {
-    std::vector<uint8_t> text = readFixture(stream + ".trace");
-    std::istringstream in(std::string(text.begin(), text.end()));
+    std::ifstream in(std::string(QNV_TEST_DATA) + "/hevc/" + stream + ".trace");
     std::vector<TraceSection> sections;
-    std::string line;
-    while (std::getline(in, line)) {
+    for (std::string line; std::getline(in, line);) {
         if (line == "VPS" || line == "SPS" || line == "PPS") {
             sections.push_back({line, {}});
             continue;
@@ -56,13 +55,11 @@ std::vector<TraceSection> loadTrace(const std::string& stream) {
     return sections;
 }
 
-std::string baseName(const std::string& name) { return name.substr(0, name.find('[')); }
-
-// The standard's names where ffmpeg spells them otherwise.
-std::string traceAlias(const std::string& name) {
+// A trace element's name without its index, in the records' spelling.
+std::string fieldName(const std::string& element) {
+    const std::string name = element.substr(0, element.find('['));
     if (name == "matrix_coefficients") return "matrix_coeffs";
-    if (name == "scaling_list_delta_coeff") return "scaling_list_delta_coef";
-    return name;
+    return name == "scaling_list_delta_coeff" ? "scaling_list_delta_coef" : name;
 }
 
 struct Field {
@@ -98,24 +95,17 @@ void compareWithTrace(const std::vector<Field>& fields, const TraceSection& trac
         auto it = at.find(f.pos);
         ASSERT_NE(it, at.end()) << where << ": no element at bit " << f.pos << " for " << f.name;
         const TraceEntry& e = *it->second;
-        if (traceAlias(baseName(e.name)) == f.name) {
+        if (fieldName(e.name) == f.name) {
             EXPECT_EQ(e.value, f.value) << where << ": " << f.name << " at bit " << f.pos;
         } else {
             ASSERT_GT(f.width, 0) << where << ": " << f.name << " at bit " << f.pos << " meets " << e.name;
             ASSERT_LE(f.pos + f.width, bits.size()) << where << ": " << f.name;
-            std::string ours;
-            for (int32_t k = f.width - 1; k >= 0; --k) ours += ((uint64_t(f.value) >> k) & 1) ? '1' : '0';
-            EXPECT_EQ(bits.substr(f.pos, f.width), ours) << where << ": " << f.name << " at bit " << f.pos;
+            EXPECT_EQ(bits.substr(f.pos, f.width), std::bitset<64>(f.value).to_string().substr(64 - f.width))
+                << where << ": " << f.name << " at bit " << f.pos;
         }
         ++compared;
     }
     EXPECT_GT(compared, 10u) << where;
-}
-
-std::vector<Field> readListing(const std::vector<uint8_t>& unit) {
-    Collect sink;
-    qnv::hevc::listParameterSet(unit.data(), static_cast<uint32_t>(unit.size()), sink);
-    return sink.fields;
 }
 
 struct Parsed {
@@ -125,35 +115,29 @@ struct Parsed {
 };
 
 // Reads one parameter-set unit into a cleared record of its kind and writes
-// it back; returns the written unit.
-std::vector<uint8_t> readAndWrite(const Unit& u, Parsed& p, uint32_t* consumed, std::vector<Field>* written) {
-    std::vector<uint8_t> bytes(u.bytes);
-    bytes.push_back(0);
-    BitBuffer bb{bytes.data(), static_cast<uint32_t>(bytes.size()), static_cast<uint32_t>(u.bytes.size() * 8), 0};
-    const uint32_t bits = static_cast<uint32_t>(u.bytes.size() * 8);
+// it back, listing the fields written to `sink`; returns the written unit.
+std::vector<uint8_t> readAndWrite(const std::vector<uint8_t>& unit, Parsed& p, uint32_t* consumed,
+                                  FieldSink* sink = nullptr) {
     std::vector<uint8_t> out(QNV_HEVC_PS_MAX_BYTES);
-    Collect sink;
+    BitBuffer used{};
     uint32_t n = 0;
-    if (u.type() == 32) {
-        p.vps = HevcVpsRecord{};
-        *consumed = qnvutilRead_HEVC_VPS(&bb, &p.vps, nullptr, bits);
-        n = qnv::hevc::writeVps(p.vps, out.data(), QNV_HEVC_PS_MAX_BYTES, &sink);
-    } else if (u.type() == 33) {
-        p.sps = HevcSpsRecord{};
-        *consumed = qnvutilRead_HEVC_SPS(&bb, &p.sps, nullptr, bits);
-        n = qnv::hevc::writeSps(p.sps, out.data(), QNV_HEVC_PS_MAX_BYTES, &sink);
+    const uint32_t type = (unit[0] >> 1) & 63;
+    if (type == 32) {
+        *consumed = readUnit(qnvutilRead_HEVC_VPS, unit, &(p.vps = HevcVpsRecord{}), nullptr, &used);
+        n = qnv::hevc::writeVps(p.vps, out.data(), QNV_HEVC_PS_MAX_BYTES, sink);
+    } else if (type == 33) {
+        *consumed = readUnit(qnvutilRead_HEVC_SPS, unit, &(p.sps = HevcSpsRecord{}), nullptr, &used);
+        n = qnv::hevc::writeSps(p.sps, out.data(), QNV_HEVC_PS_MAX_BYTES, sink);
     } else {
-        p.pps = HevcPpsRecord{};
-        *consumed = qnvutilRead_HEVC_PPS(&bb, &p.pps, nullptr, bits);
-        n = qnv::hevc::writePps(p.pps, out.data(), QNV_HEVC_PS_MAX_BYTES, &sink);
+        *consumed = readUnit(qnvutilRead_HEVC_PPS, unit, &(p.pps = HevcPpsRecord{}), nullptr, &used);
+        n = qnv::hevc::writePps(p.pps, out.data(), QNV_HEVC_PS_MAX_BYTES, sink);
     }
-    EXPECT_EQ(bb.bitPos, bits);
+    EXPECT_EQ(used.bitPos, unit.size() * 8);
     out.resize(n);
-    if (written) *written = sink.fields;
     return out;
 }
 
-bool isParameterSet(const Unit& u) { return u.type() >= 32 && u.type() <= 34; }
+bool isParameterSet(const Unit& u) { return u.hevcType() >= 32 && u.hevcType() <= 34; }
 
 }  // namespace
 
@@ -169,38 +153,37 @@ TEST(HevcFixtures, ParameterSetsMatchTraceAndWriteBack) {
             const std::string where = stream + " unit at " + std::to_string(u.offset);
             ASSERT_LT(section, trace.size()) << where;
             const TraceSection& t = trace[section++];
-            ASSERT_EQ(t.kind, std::string(u.type() == 32 ? "VPS" : u.type() == 33 ? "SPS" : "PPS")) << where;
+            ASSERT_EQ(t.kind, std::string(u.hevcType() == 32 ? "VPS" : u.hevcType() == 33 ? "SPS" : "PPS")) << where;
 
-            compareWithTrace(readListing(u.bytes), t, false, where + " (read)");
-
+            Collect listing, written;
+            qnv::hevc::listParameterSet(u.bytes.data(), static_cast<uint32_t>(u.bytes.size()), listing);
+            compareWithTrace(listing.fields, t, false, where + " (read)");
             LogCapture log;
-            Parsed p;
+            Parsed p, again;
             uint32_t consumed = 0;
-            std::vector<Field> written;
-            std::vector<uint8_t> out = readAndWrite(u, p, &consumed, &written);
+            const std::vector<uint8_t> out = readAndWrite(u.bytes, p, &consumed, &written);
             EXPECT_TRUE(log.lines.empty()) << where << ": " << (log.lines.empty() ? "" : log.lines[0]);
             EXPECT_NE(consumed, 0xFFFFFFFFu) << where;
-            if (lossy(stream, u.type())) {
-                // The unit must still read back to the same record.
-                Parsed again;
-                readAndWrite(Unit{0, out}, again, &consumed, nullptr);
-                EXPECT_LT(out.size(), u.bytes.size()) << where;
-                if (u.type() == 32) {
-                    EXPECT_EQ(std::memcmp(&p.vps, &again.vps, sizeof p.vps), 0) << where;
-                    EXPECT_EQ(p.vps.vps_num_ticks_poc_diff_one, 2u);  // the count, not the coded minus-one
-                    EXPECT_EQ(p.vps.cprms_present_flag, 1u);         // entry 0 stores 1
-                    EXPECT_EQ(p.vps.vps_max_dec_pic_buffering_minus1, 4u);
-                }
-                if (u.type() == 33) {
-                    p.sps.scaling_list_pred_matrix_id_delta = again.sps.scaling_list_pred_matrix_id_delta;
-                    p.sps.scaling_list_dc_coef_minus8 = again.sps.scaling_list_dc_coef_minus8;
-                    p.sps.scaling_list_delta_coef = again.sps.scaling_list_delta_coef;
-                    EXPECT_EQ(std::memcmp(&p.sps, &again.sps, sizeof p.sps), 0) << where;
-                }
+            if (!lossy(stream, u.hevcType())) {
+                EXPECT_EQ(out, u.bytes) << where << ": write(read(unit)) differs";
+                compareWithTrace(written.fields, t, true, where + " (record)");
                 continue;
             }
-            EXPECT_EQ(out, u.bytes) << where << ": write(read(unit)) differs";
-            compareWithTrace(written, t, true, where + " (record)");
+            // The shorter unit must still read back to the same record.
+            readAndWrite(out, again, &consumed);
+            EXPECT_LT(out.size(), u.bytes.size()) << where;
+            if (u.hevcType() == 32) {
+                EXPECT_EQ(std::memcmp(&p.vps, &again.vps, sizeof p.vps), 0) << where;
+                // The count, not the coded minus-one; entry 0 stores 1.
+                EXPECT_EQ(std::vector<uint32_t>({p.vps.vps_num_ticks_poc_diff_one, p.vps.cprms_present_flag,
+                                                 p.vps.vps_max_dec_pic_buffering_minus1}),
+                          std::vector<uint32_t>({2, 1, 4}));
+            } else {
+                p.sps.scaling_list_pred_matrix_id_delta = again.sps.scaling_list_pred_matrix_id_delta;
+                p.sps.scaling_list_dc_coef_minus8 = again.sps.scaling_list_dc_coef_minus8;
+                p.sps.scaling_list_delta_coef = again.sps.scaling_list_delta_coef;
+                EXPECT_EQ(std::memcmp(&p.sps, &again.sps, sizeof p.sps), 0) << where;
+            }
         }
         EXPECT_EQ(section, trace.size()) << stream;
     }
@@ -216,7 +199,7 @@ std::vector<uint8_t> splice(const std::vector<uint8_t>& data) {
         if (!isParameterSet(u)) continue;
         Parsed p;
         uint32_t consumed = 0;
-        std::vector<uint8_t> unit = readAndWrite(u, p, &consumed, nullptr);
+        const std::vector<uint8_t> unit = readAndWrite(u.bytes, p, &consumed);
         out.insert(out.end(), data.begin() + copied, data.begin() + u.offset);
         out.insert(out.end(), unit.begin(), unit.end());
         copied = u.offset + u.bytes.size();
@@ -239,10 +222,7 @@ TEST(HevcFixtures, SplicedParameterSetsDecodeToTheSameFrames) {
         if (stream == "scaling_custom" || stream == "rps") continue;
         std::vector<uint8_t> spliced = splice(readFixture(stream + ".265"));
         const std::string path = dir + "/" + stream + ".265";
-        FILE* f = std::fopen(path.c_str(), "wb");
-        ASSERT_NE(f, nullptr);
-        std::fwrite(spliced.data(), 1, spliced.size(), f);
-        std::fclose(f);
+        std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(spliced.data()), spliced.size());
         const std::string decode = "ffmpeg -v error -f hevc -i ";
         const std::string original = runCommand(decode + QNV_TEST_DATA "/hevc/" + stream + ".265 -f framemd5 - 2>&1");
         const std::string rewritten = runCommand(decode + path + " -f framemd5 - 2>&1");

@@ -19,15 +19,9 @@ const Data kTopField = {0x4E, 0x01, 0x01, 0x01, 0xB1, 0x80};     // pic_timing: 
 const Data kBottomField = {0x4E, 0x01, 0x01, 0x01, 0xA1, 0x80};  // pic_struct 10
 
 Data withStartCode(const Data& unit, size_t length = 4) {
-    Data d(length - 1, 0);
-    d.push_back(1);
-    d.insert(d.end(), unit.begin(), unit.end());
-    return d;
-}
-Data join(std::initializer_list<Data> parts) {
-    Data d;
-    for (const Data& p : parts) d.insert(d.end(), p.begin(), p.end());
-    return d;
+    Data d(length, 0);
+    d.back() = 1;
+    return cat({d, unit});
 }
 std::vector<Data> unitsOf(const Data& stream) {
     std::vector<Data> out;
@@ -69,9 +63,7 @@ Result interlace(const Data& frame, uint32_t flags, uint32_t secondField, HevcSp
 template <class Record>
 std::unique_ptr<Record> parse(uint32_t (*read)(BitBuffer*, Record*, HevcConfigRecord*, uint32_t), const Data& unit) {
     auto record = std::make_unique<Record>();
-    BitBuffer bb{const_cast<uint8_t*>(unit.data()), static_cast<uint32_t>(unit.size()),
-                 static_cast<uint32_t>(unit.size() * 8), 0};
-    EXPECT_NE(read(&bb, record.get(), nullptr, 0), 0xFFFFFFFFu);
+    EXPECT_NE(readUnit(read, unit, record.get()), 0xFFFFFFFFu);
     return record;
 }
 std::unique_ptr<HevcSpsRecord> readSps(const Data& unit) { return parse(qnvutilRead_HEVC_SPS, unit); }
@@ -80,33 +72,28 @@ std::vector<uint32_t> sourceFlags(const HevcProfileTierLevel& p) {
             p.general_non_packed_constraint_flag, p.general_frame_only_constraint_flag};
 }
 const std::vector<uint32_t> kInterlacedSource = {0, 1, 0, 0};
-Data writeSps(const HevcSpsRecord& sps) {
-    Data unit(QNV_HEVC_PS_MAX_BYTES);
-    unit.resize(qnvutilWrite_HEVC_SPS(&sps, unit.data()));
-    return unit;
-}
 
 class Interlace : public ::testing::Test {
 protected:
     LogCapture log;
     // main.265: VPS, SPS, PPS, IDR | TRAIL_R | TRAIL_N
     std::vector<Data> main = fixture("main.265");
-    Data firstField = join({main[0], main[1], main[2], main[3]});
-    Data pair = join({firstField, main[4]});
+    Data firstField = cat({main[0], main[1], main[2], main[3]});
+    Data pair = cat({firstField, main[4]});
     uint32_t second = static_cast<uint32_t>(firstField.size());
 };
 
 TEST_F(Interlace, FrameWithoutBothFieldFlagsIsCopiedAsItStands) {
     // x265's parameter sets write back byte for byte; a 3-byte start code stays.
-    const Data frame = join({withStartCode(unitsOf(main[0])[0], 3), main[1], main[2], main[3], main[4]});
+    const Data frame = cat({withStartCode(unitsOf(main[0])[0], 3), main[1], main[2], main[3], main[4]});
     for (uint32_t flags : {0u, HEVC_FRAME_FIRST_FIELD, HEVC_FRAME_SECOND_FIELD}) {
         const Result r = interlace(frame, flags, second);
         EXPECT_EQ(r.status, HEVC_INTERLACE_OK);
         EXPECT_EQ(r.out, frame);
     }
     // Bytes outside units are left behind: leading garbage, an extra zero, a short tail.
-    const Result r = interlace(join({{0x12, 0x00}, main[0], {0x00}, main[3], {0x00, 0x00, 0x00}}), 0, 0);
-    EXPECT_EQ(r.out, join({main[0], main[3]}));
+    const Result r = interlace(cat({{0x12, 0x00}, main[0], {0x00}, main[3], {0x00, 0x00, 0x00}}), 0, 0);
+    EXPECT_EQ(r.out, cat({main[0], main[3]}));
 }
 
 TEST_F(Interlace, FieldPairGetsFieldSignallingAndOnePicTimingPerField) {
@@ -143,7 +130,7 @@ TEST_F(Interlace, ConformanceWindowCropsA1920x544FieldOnly) {
         sps.pic_height_in_luma_samples = c.height;
         sps.conformance_window_flag = c.window;
         sps.conf_win_bottom_offset = c.window ? 4 : 0;
-        const Data frame = join({withStartCode(writeSps(sps)), main[3]});
+        const Data frame = cat({withStartCode(written(qnvutilWrite_HEVC_SPS, sps)), main[3]});
         const std::unique_ptr<HevcSpsRecord> out = readSps(unitsOf(interlace(frame, kPair, 0xFFFF).out)[0]);
         EXPECT_EQ(out->conformance_window_flag, c.bottom ? 1u : 0u) << c.width << "x" << c.height;
         EXPECT_EQ(out->conf_win_bottom_offset, c.bottom);
@@ -163,7 +150,7 @@ TEST_F(Interlace, CallerRecordTakesItsOwnFormOfTheEdits) {
     EXPECT_EQ(std::memcmp(sps.get(), &untouched, sizeof untouched), 0) << "edited for a single field";
 
     const Result r = interlace(main[3], kPair, 0xFFFF, sps.get());
-    EXPECT_EQ(r.out, join({withStartCode(kTopField), main[3]}));
+    EXPECT_EQ(r.out, cat({withStartCode(kTopField), main[3]}));
     // delay lengths 0, VUI flag kept, no HRD, field_seq_flag and
     // frame_field_info_present_flag, 1:2, conformance window
     EXPECT_EQ(std::vector<uint32_t>({sps->au_cpb_removal_delay_length_minus1, sps->dpb_output_delay_length_minus1,
@@ -178,9 +165,9 @@ TEST_F(Interlace, ParameterSetsThatAlreadySayInterlacedAreWrittenBackUnchanged) 
     // x265 field coding: VPS and SPS say interlaced, each field has an active
     // parameter sets SEI and a pic_timing of pic_struct 1 or 2.
     const std::vector<Data> units = fixture("interlace.265");
-    const Data frame = join({units[0], units[1], units[2], units[3], units[4], units[5], units[6], units[7]});
+    const Data frame = cat({units[0], units[1], units[2], units[3], units[4], units[5], units[6], units[7]});
     const Result r = interlace(frame, kPair, static_cast<uint32_t>(frame.size() - units[6].size() - units[7].size()));
-    const Data expected = join({units[0], units[1], units[2], units[3], withStartCode(kTopField), units[5],
+    const Data expected = cat({units[0], units[1], units[2], units[3], withStartCode(kTopField), units[5],
                                 withStartCode(kBottomField), units[7]});
     EXPECT_EQ(r.out, expected);
 }
@@ -189,7 +176,7 @@ TEST_F(Interlace, TimingMessagesOfTheSourceGiveWayInFieldPairsOnly) {
     // hrd.265: VPS SPS PPS, SEI active parameter sets, SEI buffering period,
     // SEI pic_timing, IDR | SEI pic_timing, TRAIL_R
     const std::vector<Data> hrd = fixture("hrd.265");
-    const Data frame = join({hrd[0], hrd[1], hrd[2], hrd[3], hrd[4], hrd[5], hrd[6], hrd[7], hrd[8]});
+    const Data frame = cat({hrd[0], hrd[1], hrd[2], hrd[3], hrd[4], hrd[5], hrd[6], hrd[7], hrd[8]});
     const uint32_t second = static_cast<uint32_t>(frame.size() - hrd[7].size() - hrd[8].size());
     const std::vector<Data> out = unitsOf(interlace(frame, kPair, second).out);
     ASSERT_EQ(out.size(), 8u);
@@ -202,9 +189,9 @@ TEST_F(Interlace, TimingMessagesOfTheSourceGiveWayInFieldPairsOnly) {
     // One unit with user data (ending in two zeros), a pic_timing and filler
     // data: the join of the two kept messages needs an emulation-prevention byte.
     const Data head = {0x00, 0x00, 0x01, 0x4E, 0x01, 0x05, 0x11, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
-    const Data mixed = join({head, {0x00, 0x00, 0x03, 0x01, 0x01, 0xB1, 0x03, 0x01, 0xFF, 0x80}});
-    const Data kept = join({head, {0x00, 0x00, 0x03, 0x03, 0x01, 0xFF, 0x80}});
-    EXPECT_EQ(interlace(join({mixed, main[3]}), kPair, 0xFFFF).out, join({kept, withStartCode(kTopField), main[3]}));
+    const Data mixed = cat({head, {0x00, 0x00, 0x03, 0x01, 0x01, 0xB1, 0x03, 0x01, 0xFF, 0x80}});
+    const Data kept = cat({head, {0x00, 0x00, 0x03, 0x03, 0x01, 0xFF, 0x80}});
+    EXPECT_EQ(interlace(cat({mixed, main[3]}), kPair, 0xFFFF).out, cat({kept, withStartCode(kTopField), main[3]}));
     // A message that claims more bytes than its unit holds: the unit is not touched.
     Data broken = mixed;
     broken[6] = 0x40;
@@ -251,9 +238,9 @@ TEST_F(Interlace, RefusesWhatItCannotDoWithinTheBuffers) {
 
     // A VPS whose reserved bits are wrong does not parse: it goes on as it stands.
     const Data vps = withStartCode({0x40, 0x01, 0x00, 0x01, 0xFF, 0xFF});
-    const Result r = interlace(join({vps, main[3]}), kPair, 0xFFFF);
+    const Result r = interlace(cat({vps, main[3]}), kPair, 0xFFFF);
     EXPECT_EQ(r.status, HEVC_INTERLACE_PS_COPIED);
-    EXPECT_EQ(r.out, join({vps, withStartCode(kTopField), main[3]}));
+    EXPECT_EQ(r.out, cat({vps, withStartCode(kTopField), main[3]}));
 }
 
 }  // namespace

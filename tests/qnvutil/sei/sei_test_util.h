@@ -10,6 +10,7 @@
 
 #include "qnvutil/qxutil.h"
 #include "qnvutil/sei.h"
+#include "tests/qnvutil/test_util.h"
 
 namespace seitest {
 
@@ -45,11 +46,7 @@ inline void setCaption(DFrame& f, const Bytes& p) {
 
 inline Bytes contents(const DFrame& f) { return Bytes(f.frameData, f.frameData + f.frameSize); }
 
-inline Bytes cat(std::initializer_list<Bytes> parts) {
-    Bytes out;
-    for (const Bytes& b : parts) out.insert(out.end(), b.begin(), b.end());
-    return out;
-}
+using qnvtest::cat;
 
 // Collects the diagnostic lines of a test.
 class SeiTest : public ::testing::Test {
