@@ -117,7 +117,7 @@ TEST(H264Framing, LiteralFrames) {
 
     // SizeToMarker: the first unit's length becomes 00 00 00 01.
     const std::pair<Bytes, uint32_t> toMarker[] = {
-        {{0, 0, 0, 1, 0x67, 0, 0, 0, 9}, 9},          // already Annex B
+        {{0, 0, 0, 1, 0x67, 0, 0, 0, 9}, 9},          // already behind a start code
         {{0, 0, 0, 2, 0xAA, 0xBB, 0, 0, 0, 0}, 6},    // a zero length ends the frame
         {{0, 0, 0, 2, 0xAA, 0xBB, 0, 0, 0, 5, 0xCC}, 11},  // a length past the end stops the conversion
         // Fewer than four bytes after the last unit: zeros end the frame
