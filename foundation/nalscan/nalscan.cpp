@@ -3,6 +3,7 @@
 #include <new>
 
 #include "foundation/bitio/bitio.h"
+#include "foundation/nalscan/zeropair.h"
 
 namespace qnv {
 
@@ -13,23 +14,13 @@ void h264_free(h264_stream_t* h) { delete h; }
 namespace {
 
 // First i >= from where buf[i..i+2] is 00 00 01, or with `orZero` also
-// 00 00 00; `size` when there is none. Looks at the third byte first so that
-// most positions are passed three at a time.
-uint32_t findZeroPair(const uint8_t* buf, uint32_t from, uint32_t size, bool orZero) {
-    uint32_t i = from;
-    while (uint64_t(i) + 2 < size) {
-        uint8_t b2 = buf[i + 2];
-        if (b2 > 1) {
-            i += 3;
-        } else if (buf[i + 1] != 0) {
-            i += 2;
-        } else if (buf[i] != 0) {
-            i += 1;
-        } else if (!orZero && b2 != 1) {
-            i += 1;  // 00 00 00: a start code may begin one byte later
-        } else {
-            return i;
-        }
+// 00 00 00; `size` when there is none.
+uint32_t findCode(const uint8_t* buf, uint32_t from, uint32_t size, bool orZero) {
+    while (uint64_t(from) + 2 < size) {
+        uint32_t q = FindZeroPair(buf, from, size - 3);
+        if (q == kNoZeroPair) break;
+        if (buf[q + 2] == 1 || (orZero && buf[q + 2] == 0)) return q;
+        from = q + 1;
     }
     return size;
 }
@@ -42,10 +33,10 @@ int32_t find_nal_unit(const uint8_t* buf, uint32_t size, int32_t* nal_start, int
         *nal_end = static_cast<int32_t>(size);
         return static_cast<int32_t>(size);
     }
-    uint32_t code = findZeroPair(buf, 0, size, false);
+    uint32_t code = findCode(buf, 0, size, false);
     if (code == size) return 0;
     uint32_t start = code + 3;
-    uint32_t end = findZeroPair(buf, start, size, true);
+    uint32_t end = findCode(buf, start, size, true);
     *nal_start = static_cast<int32_t>(start);
     *nal_end = static_cast<int32_t>(end);
     return static_cast<int32_t>(end - start);

@@ -9,12 +9,10 @@
 // final place and writes its length.
 #include <cstring>
 
-#if defined(__x86_64__)
-#include <immintrin.h>
-#endif
 
 #include "qnvutil/h264.h"
 #include "qnvutil/h264/framing.h"
+#include "foundation/nalscan/zeropair.h"
 
 namespace {
 
@@ -45,16 +43,15 @@ inline uint32_t codeEndingAt(const uint8_t* data, uint32_t one) {
     return one >= 3 && data[one - 3] == 0 ? 4 : 3;
 }
 
-constexpr uint32_t kNone = 0xFFFFFFFFu;
+constexpr uint32_t kNone = qnv::kNoZeroPair;
 
 // The vector helpers below are always inlined, so the ABI of vector
 // arguments (which differs with and without AVX) never applies.
 #pragma GCC diagnostic ignored "-Wpsabi"
 
 // 32 bytes as one vector (two SSE2 registers, or one AVX2 register in the
-// AVX2 build of the scan).
+// AVX2 build of the conversion).
 typedef uint8_t Bytes32 __attribute__((vector_size(32)));
-typedef uint64_t Words32 __attribute__((vector_size(32)));
 
 [[gnu::always_inline]] inline Bytes32 load32(const uint8_t* p) {
     Bytes32 v;
@@ -62,69 +59,18 @@ typedef uint64_t Words32 __attribute__((vector_size(32)));
     return v;
 }
 
-// Index of the first set byte of a 0/FF mask, or 32 when none.
-[[gnu::always_inline]] inline uint32_t firstSet(Bytes32 mask) {
-    Words32 w = reinterpret_cast<Words32>(mask);
-    for (uint32_t i = 0; i < 4; ++i)
-        if (w[i] != 0) return i * 8 + static_cast<uint32_t>(__builtin_ctzll(w[i])) / 8;
-    return 32;
-}
-
-// Every start code has two zero bytes in front of its 01, and in coded data
-// such pairs are rare, so the scan looks at 64 bytes at a time: a byte of
-// p[i] | p[i + 1] is zero only where both are.
-// First q in [from, last] with data[q] = data[q + 1] = 0, or kNone; reads up
-// to data[last + 1].
-[[gnu::always_inline]] inline uint32_t findZeroPair(const uint8_t* data, uint32_t from, uint32_t last) {
-    uint64_t q = from;
-    for (; q + 64 <= last; q += 64) {
-        const Bytes32 lo = load32(data + q) | load32(data + q + 1);
-        const Bytes32 hi = load32(data + q + 32) | load32(data + q + 33);
-        const Words32 any = reinterpret_cast<Words32>((lo == 0) | (hi == 0));
-        if ((any[0] | any[1] | any[2] | any[3]) == 0) continue;
-        uint32_t i = firstSet(reinterpret_cast<Bytes32>(lo == 0));
-        if (i == 32) i = 32 + firstSet(reinterpret_cast<Bytes32>(hi == 0));
-        return static_cast<uint32_t>(q + i);
-    }
-    for (; q <= last; ++q)
-        if (data[q] == 0 && data[q + 1] == 0) return static_cast<uint32_t>(q);
-    return kNone;
-}
-
-// The scan as a policy, so that the whole conversion is compiled once per
-// instruction set.
-struct GenericScan {
-    [[gnu::always_inline]] static uint32_t find(const uint8_t* data, uint32_t from, uint32_t last) {
-        return findZeroPair(data, from, last);
+// The start-code scan as a policy of the conversion, which is compiled once
+// per instruction set.
+struct BaselineScan {
+    static uint32_t find(const uint8_t* data, uint32_t from, uint32_t last) {
+        return qnv::FindZeroPairBaseline(data, from, last);
     }
 };
-
-#if defined(__x86_64__)
-// The same scan with AVX2 compares and byte masks: per 64 bytes, four loads,
-// and one test of the lane-wise minimum of both halves for a zero byte.
-struct Avx2Scan {
-    __attribute__((target("avx2"))) static uint32_t find(const uint8_t* data, uint32_t from,
-                                                                             uint32_t last) {
-        const __m256i zero = _mm256_setzero_si256();
-        uint64_t q = from;
-        for (; q + 64 <= last; q += 64) {
-            const uint8_t* p = data + q;
-            const __m256i lo = _mm256_or_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)),
-                                               _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p + 1)));
-            const __m256i hi = _mm256_or_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p + 32)),
-                                               _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p + 33)));
-            if (_mm256_movemask_epi8(_mm256_cmpeq_epi8(_mm256_min_epu8(lo, hi), zero)) == 0) continue;
-            const uint32_t mlo = static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(lo, zero)));
-            if (mlo != 0) return static_cast<uint32_t>(q + __builtin_ctz(mlo));
-            const uint32_t mhi = static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(hi, zero)));
-            return static_cast<uint32_t>(q + 32 + __builtin_ctz(mhi));
-        }
-        for (; q <= last; ++q)
-            if (data[q] == 0 && data[q + 1] == 0) return static_cast<uint32_t>(q);
-        return kNone;
+struct BestScan {
+    static uint32_t find(const uint8_t* data, uint32_t from, uint32_t last) {
+        return qnv::FindZeroPair(data, from, last);
     }
 };
-#endif
 
 // The pass from the front leaves, in the bytes of every start code but the
 // first, a link back to the previous code, so that the pass from the back
@@ -309,7 +255,7 @@ template <typename Scan>
 
 namespace qnv {
 uint32_t h264ConvertGeneric(uint8_t* data, uint32_t size, uint64_t capacity) {
-    return convert<GenericScan>(data, size, capacity);
+    return convert<BaselineScan>(data, size, capacity);
 }
 }  // namespace qnv
 
@@ -317,7 +263,7 @@ namespace {
 
 #if defined(__x86_64__) || defined(__i386__)
 __attribute__((target("avx2"))) uint32_t convertAvx2(uint8_t* data, uint32_t size, uint64_t capacity) {
-    return convert<Avx2Scan>(data, size, capacity);
+    return convert<BestScan>(data, size, capacity);
 }
 #endif
 

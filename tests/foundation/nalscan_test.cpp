@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "foundation/nalscan/nalscan.h"
+#include "foundation/nalscan/zeropair.h"
 
 using namespace qnv;
 
@@ -38,9 +39,13 @@ TEST(NalScanner, ReportsUnitsUpToTheEndOfTheBuffer) {
 
 TEST(NalScanner, AgreesWithNaiveSearch) {
     std::mt19937 rng(5);
-    for (int round = 0; round < 5000; ++round) {
-        std::vector<uint8_t> b(4 + rng() % 40);
-        for (auto& x : b) x = rng() % 2 ? 0 : static_cast<uint8_t>(rng() % 3);
+    for (int round = 0; round < 8000; ++round) {
+        // Every fourth buffer is long with rare zeros, so that the vector scan runs.
+        const bool sparse = round % 4 == 0;
+        std::vector<uint8_t> b(4 + rng() % (sparse ? 400 : 40));
+        for (auto& x : b)
+            x = sparse ? (rng() % 24 == 0 ? 0 : static_cast<uint8_t>(rng() % 2 + 1))
+                       : rng() % 2 ? 0 : static_cast<uint8_t>(rng() % 3);
         int32_t code = -1;
         for (size_t i = 0; i + 2 < b.size() && code < 0; ++i)
             if (b[i] == 0 && b[i + 1] == 0 && b[i + 2] == 1) code = static_cast<int32_t>(i);
@@ -58,6 +63,22 @@ TEST(NalScanner, AgreesWithNaiveSearch) {
         ASSERT_EQ(f.start, code + 3);
         ASSERT_EQ(f.end, end);
         ASSERT_EQ(f.result, end - code - 3);
+    }
+}
+
+TEST(NalScanner, ZeroPairSearchAgreesWithNaiveSearch) {
+    std::mt19937 rng(9);
+    for (int round = 0; round < 20000; ++round) {
+        std::vector<uint8_t> b(3 + rng() % 300);
+        const unsigned rare = 1 + rng() % 64;
+        for (auto& x : b) x = rng() % rare == 0 ? 0 : static_cast<uint8_t>(1 + rng() % 255);
+        const uint32_t last = static_cast<uint32_t>(b.size() - 2 - rng() % 2);
+        const uint32_t from = static_cast<uint32_t>(rng() % (b.size() + 1));
+        uint32_t expected = kNoZeroPair;
+        for (uint32_t q = from; q <= last && expected == kNoZeroPair; ++q)
+            if (b[q] == 0 && b[q + 1] == 0) expected = q;
+        ASSERT_EQ(FindZeroPair(b.data(), from, last), expected) << round;
+        ASSERT_EQ(FindZeroPairBaseline(b.data(), from, last), expected) << round;
     }
 }
 
