@@ -34,15 +34,6 @@ inline uint32_t getBe32Clipped(const uint8_t* data, uint64_t pos, uint32_t size)
     return v;
 }
 
-// Length of the start code whose 01 byte is at `one`: 4 for 00 00 00 01,
-// 3 for 00 00 01 (not preceded by a zero), 0 for no start code. Every start
-// code ends in its own 01 byte, so walking the 01 bytes visits each once;
-// a longer zero run is taken as its last four bytes.
-inline uint32_t codeEndingAt(const uint8_t* data, uint32_t one) {
-    if (one < 2 || data[one - 1] != 0 || data[one - 2] != 0) return 0;
-    return one >= 3 && data[one - 3] == 0 ? 4 : 3;
-}
-
 constexpr uint32_t kNone = qnv::kNoZeroPair;
 
 // The vector helpers below are always inlined, so the ABI of vector
