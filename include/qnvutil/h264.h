@@ -245,6 +245,168 @@ QNV_API uint32_t qnvutilRead_SPS(BitBuffer* bb, H264SpsRecord* sps);
 /* As qnvutilRead_SPS for a PPS; 0 only when bb or pps is null. */
 QNV_API uint32_t qnvutilRead_PPS(BitBuffer* bb, H264PpsRecord* pps);
 
+
+/* ---- Parameter set writers (ITU-T H.264 7.3.2.1.1, 7.3.2.2, E.1) -------------- */
+
+/* Largest unit the parameter set writers produce. */
+#define QNV_H264_PS_MAX_BYTES 8192u
+
+/* Write the record as one NAL unit at `destination`: the header byte from
+   forbidden_zero_bit, nal_ref_idc and nal_unit_type, the RBSP with its
+   trailing bits, and emulation prevention bytes; no start code or length.
+   Returns the unit's length, or 0 when the record is null, destination is
+   null, or an element lies outside the range H.264 allows it (a count that
+   would pass the record's arrays among them). `destination` needs room for
+   QNV_H264_PS_MAX_BYTES bytes.
+
+   Units are written as the readers read them, so that reading a written unit
+   gives back the same record and writing a read x264 unit gives back its
+   bytes. Where the record keeps only part of a structure:
+    - an SPS of a profile without the chroma block (see above) is written
+      without it, whatever the record's chroma and bit-depth words hold;
+    - offset_for_ref_frame is written for every entry of the cycle;
+    - scaling lists are written as delta codes, the repeated tail of a list
+      closed early by a zero next-scale when that is not longer;
+    - slice_group_map_type 2 is written with num_slice_groups_minus1 + 1
+      pairs, and a PPS whose bytes hold 00 00 0C does not read back (the
+      reader drops the 0C);
+    - the PPS tail (transform_8x8_mode_flag onwards) is written when moreData
+      is 1;
+    - the rbsp_stop_one_bit word is ignored: the stop bit is always 1. */
+QNV_API uint32_t qnvutilWrite_SPS(const H264SpsRecord* sps, uint8_t* destination);
+QNV_API uint32_t qnvutilWrite_PPS(const H264PpsRecord* pps, uint8_t* destination);
+
+/* ---- Slice headers (ITU-T H.264 7.3.3, 7.3.3.1-7.3.3.3, 7.4.3) ---------------- */
+
+#define QNV_H264_MAX_REFS 32         /* entries of a reference list (fields) */
+#define QNV_H264_MAX_MODIFICATIONS 33 /* list modification operations, closing 3 included */
+#define QNV_H264_MAX_MMCO 66          /* memory management operations, closing 0 included */
+
+/* ref_pic_list_modification() of one list. */
+typedef struct H264RefPicListModification {
+    int32_t modification_of_pic_nums_idc[QNV_H264_MAX_MODIFICATIONS];
+    int32_t abs_diff_pic_num_minus1[QNV_H264_MAX_MODIFICATIONS];
+    int32_t long_term_pic_num[QNV_H264_MAX_MODIFICATIONS];
+} H264RefPicListModification;
+
+/* pred_weight_table(). */
+typedef struct H264PredWeightTable {
+    int32_t luma_log2_weight_denom;
+    int32_t chroma_log2_weight_denom;
+    int32_t luma_weight_l0_flag[QNV_H264_MAX_REFS];
+    int32_t luma_weight_l0[QNV_H264_MAX_REFS];
+    int32_t luma_offset_l0[QNV_H264_MAX_REFS];
+    int32_t chroma_weight_l0_flag[QNV_H264_MAX_REFS];
+    int32_t chroma_weight_l0[QNV_H264_MAX_REFS][2];
+    int32_t chroma_offset_l0[QNV_H264_MAX_REFS][2];
+    int32_t luma_weight_l1_flag[QNV_H264_MAX_REFS];
+    int32_t luma_weight_l1[QNV_H264_MAX_REFS];
+    int32_t luma_offset_l1[QNV_H264_MAX_REFS];
+    int32_t chroma_weight_l1_flag[QNV_H264_MAX_REFS];
+    int32_t chroma_weight_l1[QNV_H264_MAX_REFS][2];
+    int32_t chroma_offset_l1[QNV_H264_MAX_REFS][2];
+} H264PredWeightTable;
+
+/* dec_ref_pic_marking(). */
+typedef struct H264DecRefPicMarking {
+    int32_t no_output_of_prior_pics_flag;
+    int32_t long_term_reference_flag;
+    int32_t adaptive_ref_pic_marking_mode_flag;
+    int32_t memory_management_control_operation[QNV_H264_MAX_MMCO];
+    int32_t difference_of_pic_nums_minus1[QNV_H264_MAX_MMCO];
+    int32_t long_term_pic_num[QNV_H264_MAX_MMCO];
+    int32_t long_term_frame_idx[QNV_H264_MAX_MMCO];
+    int32_t max_long_term_frame_idx_plus1[QNV_H264_MAX_MMCO];
+} H264DecRefPicMarking;
+
+/* slice_header() of a coded slice (nal_unit_type 1 or 5), one word per
+   element, the NAL header first as in the parameter set records. The reader
+   clears the record, so elements a slice does not carry read as 0, and it
+   derives the last word: header_bits, the bit position of slice_data() in
+   the unit without emulation prevention bytes, counted from the NAL header
+   (the CABAC alignment bits are part of slice_data()). */
+typedef struct H264SliceHeader {
+    int32_t forbidden_zero_bit;
+    int32_t nal_ref_idc;
+    int32_t nal_unit_type;
+    int32_t first_mb_in_slice;
+    int32_t slice_type;
+    int32_t pic_parameter_set_id;
+    int32_t colour_plane_id;
+    int32_t frame_num;
+    int32_t field_pic_flag;
+    int32_t bottom_field_flag;
+    int32_t idr_pic_id;
+    int32_t pic_order_cnt_lsb;
+    int32_t delta_pic_order_cnt_bottom;
+    int32_t delta_pic_order_cnt[2];
+    int32_t redundant_pic_cnt;
+    int32_t direct_spatial_mv_pred_flag;
+    int32_t num_ref_idx_active_override_flag;
+    int32_t num_ref_idx_l0_active_minus1;
+    int32_t num_ref_idx_l1_active_minus1;
+    int32_t ref_pic_list_modification_flag_l0;
+    int32_t ref_pic_list_modification_flag_l1;
+    H264RefPicListModification ref_pic_list_modification[2];
+    H264PredWeightTable pred_weight_table;
+    H264DecRefPicMarking dec_ref_pic_marking;
+    int32_t cabac_init_idc;
+    int32_t slice_qp_delta;
+    int32_t sp_for_switch_flag;
+    int32_t slice_qs_delta;
+    int32_t disable_deblocking_filter_idc;
+    int32_t slice_alpha_c0_offset_div2;
+    int32_t slice_beta_offset_div2;
+    int32_t slice_group_change_cycle;
+    int32_t header_bits;
+} H264SliceHeader;
+
+QNV_STATIC_ASSERT(sizeof(H264RefPicListModification) == 99 * 4, "H264RefPicListModification layout");
+QNV_STATIC_ASSERT(sizeof(H264PredWeightTable) == 514 * 4, "H264PredWeightTable layout");
+QNV_STATIC_ASSERT(sizeof(H264DecRefPicMarking) == 333 * 4, "H264DecRefPicMarking layout");
+QNV_STATIC_ASSERT(offsetof(H264SliceHeader, ref_pic_list_modification) == 22 * 4, "H264SliceHeader layout");
+QNV_STATIC_ASSERT(offsetof(H264SliceHeader, pred_weight_table) == 220 * 4, "H264SliceHeader layout");
+QNV_STATIC_ASSERT(offsetof(H264SliceHeader, dec_ref_pic_marking) == 734 * 4, "H264SliceHeader layout");
+QNV_STATIC_ASSERT(offsetof(H264SliceHeader, cabac_init_idc) == 1067 * 4, "H264SliceHeader layout");
+QNV_STATIC_ASSERT(sizeof(H264SliceHeader) == 1076 * 4, "H264SliceHeader layout");
+
+/* Parses the slice header of the coded slice unit at bb->bitPos (NAL header
+   first, emulation prevention bytes still in, bb->sizeBits the unit's end),
+   with the active SPS and PPS, into `slice`, which it clears first. Returns
+   header_bits, or 0xFFFFFFFF when an argument is null, the unit is not a
+   coded slice (nal_unit_type 1 or 5), its pic_parameter_set_id or the PPS's
+   seq_parameter_set_id does not match the records given, an element lies
+   outside its range (a reference count or operation list that would pass
+   the record's arrays among them), or the header runs past the unit's end.
+   bb->bitPos is left unchanged. */
+QNV_API uint32_t qnvutilRead_SliceHeader(BitBuffer* bb, const H264SpsRecord* sps, const H264PpsRecord* pps,
+                                         H264SliceHeader* slice);
+
+/* Writes the record's slice header as RBSP bits at out->bitPos (NAL header
+   byte first, no emulation prevention: the caller escapes the whole unit),
+   following the same conditions. Returns the bits written, or 0 when an
+   argument is null or an element lies outside its range; out->sizeBytes
+   bounds the writes (bits beyond it are dropped and 0 is returned). */
+QNV_API uint32_t qnvutilWrite_SliceHeader(const H264SliceHeader* slice, const H264SpsRecord* sps,
+                                          const H264PpsRecord* pps, BitBuffer* out);
+
+/* Rewrites the coded slice unit `unit` (NAL header first, escaped, no start
+   code) with the header `slice` into `destination`, keeping slice_data()
+   bit-exact: with CAVLC the data moves by the header's change in bits; with
+   CABAC the new header is padded with cabac_alignment_one_bit to a byte and
+   the data's bytes follow unchanged. Emulation prevention is redone over the
+   whole unit. The usual use reads a header, changes pic_parameter_set_id,
+   frame_num, idr_pic_id, pic_order_cnt_lsb or the field flags, and fixes the
+   unit; `sps` and `pps` are the records the new header is written with, and
+   the old header is read with them too unless `oldPps` is given.
+   Returns the new unit's length; 0xFFFFFFFF when an argument is null or the
+   unit's header cannot be read or the new one written; 0xFFFFFF9A (-102)
+   when the result would not fit in `capacity` bytes. `destination` must not
+   overlap `unit`. */
+QNV_API uint32_t qnvutilFix_SliceHeader(const uint8_t* unit, uint32_t unitSize, const H264SliceHeader* slice,
+                                        const H264SpsRecord* sps, const H264PpsRecord* pps,
+                                        const H264PpsRecord* oldPps, uint8_t* destination, uint32_t capacity);
+
 QNV_END_C
 
 #endif

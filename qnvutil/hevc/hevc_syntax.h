@@ -1,45 +1,28 @@
-// The HEVC parameter-set syntax, described once and driven by a coder: the
-// reader coder parses bits into the record, the writer coder serialises the
-// record into bits. Each coder operation names the syntax element; a field
-// sink on the writer sees every element with its name and bit position,
-// which the tools and tests use to list a record in the standard's terms.
-//
-// Rules the description keeps for both directions:
-//  - branches and loop counts use the values the coder returns (the value
-//    read, or the value as written, masked to its width), never a raw record
-//    word, so a writer can only produce units its reader reads back alike;
-//  - elements the records do not keep go through skip*(): the reader
-//    discards them, the writer writes the given substitute;
-//  - the readers' deliberate departures from H.265 are named functions
-//    below, used by both directions.
+// The HEVC parameter-set syntax, described once over the library's syntax
+// coders (foundation/syntax/coder.h): the reader coder parses bits into the
+// record, the writer coder serialises the record into bits. The readers'
+// deliberate departures from H.265 are named functions below, used by both
+// directions.
 #ifndef QNVUTIL_QNVUTIL_HEVC_HEVC_SYNTAX_H
 #define QNVUTIL_QNVUTIL_HEVC_HEVC_SYNTAX_H
 
 #include <cstdint>
 
 #include "foundation/bitio/bitio.h"
+#include "foundation/syntax/coder.h"
 #include "qnvutil/hevc.h"
 #include "qnvutil/qnvvidutil.h"
 #include "qnvutil/qxutil.h"
 
 namespace qnv::hevc {
 
-// Element name with up to two subscripts (-1: none).
-struct Name {
-    const char* text;
-    int32_t i = -1;
-    int32_t j = -1;
-};
-
-// Receives every element a writer coder writes. width: bits of a fixed-length
-// element, kUe / kSe for Exp-Golomb codes. kept: false for substitutes of
-// elements the record does not hold.
-constexpr int32_t kUe = -1, kSe = -2;
-class FieldSink {
-public:
-    virtual ~FieldSink() = default;
-    virtual void field(uint32_t bitPos, const Name& name, int64_t value, int32_t width, bool kept) = 0;
-};
+using syntax::FieldSink;
+using syntax::kSe;
+using syntax::kUe;
+using syntax::Name;
+using syntax::ReadCoder;
+using syntax::WriteCoder;
+using syntax::atMost;
 
 // guard: loops over sub-layers, long-term pictures and picture lists never
 // pass the record's arrays; counts read past the end of a unit (all ones)
@@ -54,146 +37,6 @@ constexpr uint32_t kMaxTileSpans = 4096;
 constexpr uint32_t kMaxHrdEntries = 1024;
 constexpr uint32_t kMaxLayerSets = 1024;
 constexpr uint32_t kMaxCpbEntries = 32;
-
-inline uint32_t atMost(uint32_t v, uint32_t limit) { return v < limit ? v : limit; }
-
-// ---- Coders ------------------------------------------------------------------
-
-class ReadCoder {
-public:
-    static constexpr bool kWriting = false;
-    explicit ReadCoder(BitBuffer* bb, FieldSink* sink = nullptr) : bb_(bb), sink_(sink) {}
-
-    uint32_t u(uint32_t n, uint32_t& f, Name name) { return f = fixed(n, name, true); }
-    uint32_t ue(uint32_t& f, Name name) { return f = code(name, true); }
-    int32_t se(uint32_t& f, Name name) {
-        int32_t v = signedCode(name, true);
-        f = static_cast<uint32_t>(v);
-        return v;
-    }
-    // 48 bits into a 64-bit pair of words.
-    uint64_t u48(uint32_t& lo, uint32_t& hi, Name name) {
-        uint64_t v = fixed64(48, name, true);
-        lo = static_cast<uint32_t>(v);
-        hi = static_cast<uint32_t>(v >> 32);
-        return v;
-    }
-    uint32_t skip(uint32_t n, uint32_t, Name name) { return fixed(n, name, false); }
-    uint64_t skip64(uint32_t n, uint64_t, Name name) { return fixed64(n, name, false); }
-    uint32_t skipUe(uint32_t, Name name) { return code(name, false); }
-    int32_t skipSe(int32_t, Name name) { return signedCode(name, false); }
-    uint32_t pos() const { return bb_->bitPos; }
-    BitBuffer* buffer() { return bb_; }
-
-private:
-    // The sink sees the element after it was read, at its first bit.
-    void note(uint32_t at, const Name& name, int64_t value, int32_t width, bool kept) {
-        if (sink_) sink_->field(at, name, value, width, kept);
-    }
-    uint32_t fixed(uint32_t n, const Name& name, bool kept) {
-        const uint32_t at = bb_->bitPos;
-        const uint32_t v = ReadBits(bb_, n);
-        note(at, name, v, static_cast<int32_t>(n), kept);
-        return v;
-    }
-    uint64_t fixed64(uint32_t n, const Name& name, bool kept) {
-        const uint32_t at = bb_->bitPos;
-        const uint64_t v = ReadBits64(bb_, n);
-        note(at, name, static_cast<int64_t>(v), static_cast<int32_t>(n), kept);
-        return v;
-    }
-    uint32_t code(const Name& name, bool kept) {
-        const uint32_t at = bb_->bitPos;
-        const uint32_t v = ReadExponentialGolombCode(bb_);
-        note(at, name, v, kUe, kept);
-        return v;
-    }
-    int32_t signedCode(const Name& name, bool kept) {
-        const uint32_t at = bb_->bitPos;
-        const int32_t v = ReadExponentialGolombCodeSigned(bb_);
-        note(at, name, v, kSe, kept);
-        return v;
-    }
-
-    BitBuffer* bb_;
-    FieldSink* sink_;
-};
-
-class WriteCoder {
-public:
-    static constexpr bool kWriting = true;
-    explicit WriteCoder(BitBuffer* bb, FieldSink* sink = nullptr, uint32_t origin = 0)
-        : bb_(bb), sink_(sink), origin_(origin) {}
-
-    uint32_t u(uint32_t n, const uint32_t& f, Name name) { return fixed(n, f, name, true); }
-    uint32_t ue(const uint32_t& f, Name name) { return code(f, name, true); }
-    int32_t se(const uint32_t& f, Name name) { return signedCode(static_cast<int32_t>(f), name, true); }
-    uint64_t u48(const uint32_t& lo, const uint32_t& hi, Name name) {
-        uint64_t v = (uint64_t(hi) << 32 | lo) & 0xFFFFFFFFFFFFull;
-        note(name, static_cast<int64_t>(v), 48, true);
-        WriteBits64(bb_, 48, v);
-        return v;
-    }
-    uint32_t skip(uint32_t n, uint32_t value, Name name) { return fixed(n, value, name, false); }
-    uint64_t skip64(uint32_t n, uint64_t value, Name name) {
-        note(name, static_cast<int64_t>(value), static_cast<int32_t>(n), false);
-        WriteBits64(bb_, n, value);
-        return value;
-    }
-    uint32_t skipUe(uint32_t value, Name name) { return code(value, name, false); }
-    int32_t skipSe(int32_t value, Name name) { return signedCode(value, name, false); }
-    uint32_t pos() const { return bb_->bitPos; }
-
-private:
-    void note(const Name& name, int64_t value, int32_t width, bool kept) {
-        if (sink_) sink_->field(bb_->bitPos - origin_, name, value, width, kept);
-    }
-    uint32_t fixed(uint32_t n, uint32_t value, const Name& name, bool kept) {
-        uint32_t v = n >= 32 ? value : value & ((1u << n) - 1u);
-        note(name, v, static_cast<int32_t>(n), kept);
-        WriteBits(bb_, n, static_cast<int32_t>(v));
-        return v;
-    }
-    // Standard ue(v) for every code number up to 2^32 - 2 (the largest a
-    // reader returns for a well-formed code); larger words are clamped.
-    uint32_t code(uint32_t value, const Name& name, bool kept) {
-        uint32_t v = atMost(value, 0xFFFFFFFEu);
-        note(name, v, kUe, kept);
-        uint64_t x = uint64_t(v) + 1;
-        uint32_t bits = 64 - static_cast<uint32_t>(__builtin_clzll(x));
-        if (x < 0x1000000u) {
-            WriteExponentialGolombCode(bb_, static_cast<int32_t>(v));
-        } else {
-            // The exported writer adds 48 zeros from 2^24 up; write the
-            // standard code here so that the unit reads back.
-            WriteBits64(bb_, bits - 1, 0);
-            WriteBits64(bb_, bits, x);
-        }
-        return v;
-    }
-    // se(v). Values up to 0 go through the library's signed writer, whose
-    // mapping (-2v) is the standard one there; positive values take the
-    // standard 2v - 1, which that writer does not use.
-    int32_t signedCode(int32_t value, const Name& name, bool kept) {
-        int32_t v = value == INT32_MIN ? INT32_MIN + 1 : value;
-        note(name, v, kSe, kept);
-        const uint32_t codeNum = v <= 0 ? 0u - 2u * static_cast<uint32_t>(v) : 2u * static_cast<uint32_t>(v) - 1u;
-        if (v <= 0 && codeNum < 0xFFFFFFu) {
-            WriteSignedExponentialGolombCode(bb_, v);
-        } else {
-            // code() would note the element a second time
-            FieldSink* sink = sink_;
-            sink_ = nullptr;
-            code(codeNum, name, kept);
-            sink_ = sink;
-        }
-        return v;
-    }
-
-    BitBuffer* bb_;
-    FieldSink* sink_;
-    uint32_t origin_;
-};
 
 // ---- profile_tier_level ----------------------------------------------------------
 

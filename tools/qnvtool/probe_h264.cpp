@@ -8,6 +8,7 @@
 #include <set>
 #include <string>
 
+#include "qnvutil/h264/h264_syntax.h"
 #include "qnvutil/h264/paramsets.h"
 #include "tools/qnvtool/annexb.h"
 #include "tools/qnvtool/probe.h"
@@ -18,22 +19,24 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-// Builds the JSON object of one unit from the reader's trace.
-class JsonTrace : public qnv::H264SyntaxTrace {
+// Builds the JSON object of one unit from the elements the record keeps,
+// nested structures as objects, subscripted elements as arrays.
+class JsonTrace : public qnv::syntax::FieldSink {
 public:
     explicit JsonTrace(Json& root) { stack_.push_back(&root); }
-    void element(const char* name, int32_t i, int32_t j, int32_t value) override {
+    void field(uint32_t, const qnv::syntax::Name& name, int64_t value, int32_t width, bool kept) override {
+        if (!kept) return;
         Json& obj = *stack_.back();
-        Json v = value;
-        // 32-bit fields are unsigned in the standard.
-        if (std::string_view(name) == "num_units_in_tick" || std::string_view(name) == "time_scale")
-            v = static_cast<uint32_t>(value);
-        if (i < 0) {
-            obj[name] = v;
-        } else if (j < 0) {
-            obj[name][static_cast<size_t>(i)] = v;
+        // Fixed-length fields are unsigned in the standard; signed codes and
+        // words the record derives keep their sign.
+        Json v = width > 0 ? Json(static_cast<uint32_t>(value)) : Json(static_cast<int32_t>(value));
+        if (width == qnv::syntax::kUe) v = static_cast<int32_t>(value);
+        if (name.i < 0) {
+            obj[name.text] = v;
+        } else if (name.j < 0) {
+            obj[name.text][static_cast<size_t>(name.i)] = v;
         } else {
-            obj[name][static_cast<size_t>(i)][static_cast<size_t>(j)] = v;
+            obj[name.text][static_cast<size_t>(name.i)][static_cast<size_t>(name.j)] = v;
         }
     }
     void open(const char* structure) override {
@@ -80,7 +83,7 @@ std::string levelName(const H264SpsRecord& s) {
 // Values a decoder derives from the SPS. The record's defaults for profiles
 // without the chroma block (bit depths stored as 8) are read as 4:2:0, 8 bits.
 Json derived(const H264SpsRecord& s) {
-    const bool chromaBlock = qnv::h264HasChromaBlock(s.profile_idc);
+    const bool chromaBlock = qnv::h264::hasChromaBlock(s.profile_idc);
     const int64_t chromaFormat = chromaBlock ? s.chroma_format_idc : 1;
     const int64_t arrayType = chromaBlock && s.separate_colour_plane_flag == 1 ? 0 : chromaFormat;
     const int64_t subWidth = chromaFormat == 3 ? 1 : 2, subHeight = chromaFormat == 1 ? 2 : 1;
