@@ -151,15 +151,22 @@ private:
         note(at, name, static_cast<int64_t>(v), static_cast<int32_t>(n), kept);
         return v;
     }
+    // A code longer than 63 bits stands for no 32-bit value: the bit
+    // reader's value is kept and the element counts as out of range.
+    void checkLength(uint32_t at) {
+        if (bb_->bitPos - at > 63) ++outOfRange_;
+    }
     uint32_t code(const Name& name, bool kept) {
         const uint32_t at = bb_->bitPos;
         const uint32_t v = ReadExponentialGolombCode(bb_);
+        checkLength(at);
         note(at, name, v, kUe, kept);
         return v;
     }
     int32_t signedCode(const Name& name, bool kept) {
         const uint32_t at = bb_->bitPos;
         const int32_t v = ReadExponentialGolombCodeSigned(bb_);
+        checkLength(at);
         note(at, name, v, kSe, kept);
         return v;
     }

@@ -272,6 +272,10 @@ QNV_API uint32_t qnvutilRead_PPS(BitBuffer* bb, H264PpsRecord* pps);
       reader drops the 0C);
     - the PPS tail (transform_8x8_mode_flag onwards) is written when moreData
       is 1;
+    - an SPS two of whose first three bytes are zero (a zero header byte and
+      profile_idc, or profile_idc 0 and a zero constraint byte) takes an
+      emulation prevention byte before the fourth byte, where the reader
+      does not look for one, so it does not read back;
     - the rbsp_stop_one_bit word is ignored: the stop bit is always 1. */
 QNV_API uint32_t qnvutilWrite_SPS(const H264SpsRecord* sps, uint8_t* destination);
 QNV_API uint32_t qnvutilWrite_PPS(const H264PpsRecord* pps, uint8_t* destination);

@@ -50,16 +50,20 @@ inline uint32_t boxPairs(uint32_t numSliceGroupsMinus1) { return numSliceGroupsM
 // Iterations of a loop "for i = 0 .. last": none for a negative last.
 inline uint32_t inclusiveCount(int32_t last) { return last < 0 ? 0u : static_cast<uint32_t>(last) + 1u; }
 
+// Every loop of the parameter sets has at most this many turns in a record
+// a writer accepts (the bounds of its count refuse larger ones).
+constexpr uint32_t kMaxWrittenTurns = 256;
+
 // Runs body(i) for i in [0, count). On reading, iterations from `keep` on
 // are not stored: while the position is past the end each of them moves
 // `bits` bits and reads nothing, so a run of them is taken in one step (up
 // to where bitPos would wrap, as it does bit by bit). Returns the number of
-// iterations whose body ran. A writer writes `keep` at most; its bounds
-// refuse records whose count passes that.
+// iterations whose body ran.
 template <class C, class Body>
 uint32_t repeat(C& c, uint32_t count, uint32_t keep, uint32_t bits, Body body) {
     if constexpr (C::kWriting) {
-        const uint32_t n = std::min(count, keep);
+        // guard: a count out of bounds is refused; its turns need not be written
+        const uint32_t n = std::min(count, kMaxWrittenTurns);
         for (uint32_t i = 0; i < n; ++i) body(i);
         return n;
     } else {

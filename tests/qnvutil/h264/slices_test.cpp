@@ -98,6 +98,30 @@ TEST(H264Writers, WriteOfReadGivesTheUnitBackOnEveryFixture) {
     }
 }
 
+TEST(H264Writers, PocType1CycleIsWrittenWholeWithItsKeptOffset) {
+    H264SpsRecord sps{};
+    sps.nal_ref_idc = 3;
+    sps.nal_unit_type = 7;
+    sps.profile_idc = 77;
+    sps.pic_order_cnt_type = 1;
+    sps.offset_for_non_ref_pic = 2;  // the code number of -1
+    sps.num_ref_frames_in_pic_order_cnt_cycle = 3;
+    sps.offset_for_ref_frame = 6;
+    uint8_t out[QNV_H264_PS_MAX_BYTES];
+    const uint32_t n = qnvutilWrite_SPS(&sps, out);
+    ASSERT_GT(n, 0u);
+    H264SpsRecord back{};
+    BitBuffer bb{out, n, n * 8, 0};
+    qnvutilRead_SPS(&bb, &back);
+    for (auto* r : {&sps, &back}) {  // the defaults a main-profile SPS reads with
+        r->chroma_format_idc = 1;
+        r->bit_depth_luma_minus8 = r->bit_depth_chroma_minus8 = 8;
+        r->rbsp_stop_one_bit = 1;
+    }
+    EXPECT_EQ(std::memcmp(&sps, &back, sizeof sps), 0);
+    EXPECT_EQ(n, 9u);  // 72 bits with three 5-bit offsets; one would give 62
+}
+
 TEST(H264Writers, RefuseRecordsOutsideTheStandardsRanges) {
     H264SpsRecord sps{};
     sps.nal_ref_idc = 3;
