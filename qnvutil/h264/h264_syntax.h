@@ -437,10 +437,17 @@ void modificationOperations(C& c, S& s, bool& ok) {
 
 template <class C, class S>
 void refPicListModification(C& c, S& s, uint32_t kind, bool& ok) {
-    if (kind != kI && kind != kSI && QNV_FLAG(ref_pic_list_modification_flag_l0))
+    // Each list's operations are listed as a structure of their own.
+    if (kind != kI && kind != kSI && QNV_FLAG(ref_pic_list_modification_flag_l0)) {
+        c.open("ref_pic_list_modification_l0");
         modificationOperations(c, s.ref_pic_list_modification[0], ok);
-    if (ok && kind == kB && QNV_FLAG(ref_pic_list_modification_flag_l1))
+        c.close();
+    }
+    if (ok && kind == kB && QNV_FLAG(ref_pic_list_modification_flag_l1)) {
+        c.open("ref_pic_list_modification_l1");
         modificationOperations(c, s.ref_pic_list_modification[1], ok);
+        c.close();
+    }
 }
 
 template <class C, class S>

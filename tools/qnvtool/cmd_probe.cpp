@@ -38,6 +38,7 @@ const Registration kProbe([](CLI::App& app) {
     CLI::App* sub = app.add_subcommand("probe", "Describe the parameter sets or headers of a stream");
     sub->add_option("FILE", args->file, "stream file")->required();
     sub->add_flag("--first", args->options.first, "stop after the first parameter set or header");
+    sub->add_flag("--slices", args->options.slices, "list every slice (segment) header as well");
     sub->add_option("--kind", args->kind, "stream kind (detected when not given)");
     sub->callback([args] { runProbe(*args); });
 });

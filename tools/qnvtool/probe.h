@@ -10,7 +10,8 @@
 namespace qnvtool {
 
 struct ProbeOptions {
-    bool first = false;  // stop after the first parameter set / header
+    bool first = false;   // stop after the first parameter set / header
+    bool slices = false;  // list every slice (segment) header too
 };
 
 struct Prober {

@@ -5,50 +5,20 @@
 #include <cstdio>
 #include <nlohmann/json.hpp>
 #include <numeric>
+#include <map>
 #include <set>
 #include <string>
 
 #include "qnvutil/h264/h264_syntax.h"
 #include "qnvutil/h264/paramsets.h"
+#include "qnvutil/h264/slices.h"
 #include "tools/qnvtool/annexb.h"
 #include "tools/qnvtool/probe.h"
+#include "tools/qnvtool/probe_json.h"
 #include "tools/qnvtool/tool.h"
 
 namespace qnvtool {
 namespace {
-
-using Json = nlohmann::ordered_json;
-
-// Builds the JSON object of one unit from the elements the record keeps,
-// nested structures as objects, subscripted elements as arrays.
-class JsonTrace : public qnv::syntax::FieldSink {
-public:
-    explicit JsonTrace(Json& root) { stack_.push_back(&root); }
-    void field(uint32_t, const qnv::syntax::Name& name, int64_t value, int32_t width, bool kept) override {
-        if (!kept) return;
-        Json& obj = *stack_.back();
-        // Fixed-length fields are unsigned in the standard; signed codes and
-        // words the record derives keep their sign.
-        Json v = width > 0 ? Json(static_cast<uint32_t>(value)) : Json(static_cast<int32_t>(value));
-        if (width == qnv::syntax::kUe) v = static_cast<int32_t>(value);
-        if (name.i < 0) {
-            obj[name.text] = v;
-        } else if (name.j < 0) {
-            obj[name.text][static_cast<size_t>(name.i)] = v;
-        } else {
-            obj[name.text][static_cast<size_t>(name.i)][static_cast<size_t>(name.j)] = v;
-        }
-    }
-    void open(const char* structure) override {
-        Json& obj = *stack_.back();
-        obj[structure] = Json::object();
-        stack_.push_back(&obj[structure]);
-    }
-    void close() override { stack_.pop_back(); }
-
-private:
-    std::vector<Json*> stack_;
-};
 
 std::string profileName(const H264SpsRecord& s) {
     switch (s.profile_idc) {
@@ -127,42 +97,76 @@ Json derived(const H264SpsRecord& s) {
 
 bool detectH264(const std::vector<uint8_t>& data) { return detectCodec(data, listUnits(data)) == Codec::kH264; }
 
+// Every slice header, read with the parameter sets active at it.
+Json sliceEntry(const std::vector<uint8_t>& data, const NalUnit& u, const std::map<int32_t, H264SpsRecord>& spss,
+                const std::map<int32_t, H264PpsRecord>& ppss) {
+    Json entry;
+    entry["type"] = "slice";
+    entry["offset"] = u.offset;
+    entry["size"] = u.size;
+    // The reader accepts only the PPS the header names (and its SPS).
+    BitBuffer bb{const_cast<uint8_t*>(data.data() + u.payload), u.size, u.size * 8, 0};
+    H264SliceHeader h;
+    for (const auto& [id, pps] : ppss) {
+        auto sps = spss.find(pps.seq_parameter_set_id);
+        if (sps == spss.end()) continue;
+        JsonFields attempt(JsonFields::Codes::kSigned);
+        if (qnv::readSliceHeader(&bb, &sps->second, &pps, &h, &attempt) != qnv::kSliceFailed) {
+            entry["fields"] = std::move(attempt.fields);
+            entry["header_bits"] = h.header_bits;
+            return entry;
+        }
+    }
+    entry["error"] = "no active parameter sets read this header";
+    return entry;
+}
+
 void probeH264(const std::vector<uint8_t>& data, const ProbeOptions& options, std::ostream& out) {
-    Json sets = Json::array();
+    Json sets = Json::array(), slices = Json::array();
     std::set<std::vector<uint8_t>> seen;
-    bool haveSps = false;
+    std::map<int32_t, H264SpsRecord> spss;
+    std::map<int32_t, H264PpsRecord> ppss;
+    bool haveSps = false, complete = false;
     for (const NalUnit& u : listUnits(data)) {
         if (u.size == 0) continue;
         const uint32_t type = data[u.payload] & 31u;
+        if (options.slices && (type == 1 || type == 5)) {
+            slices.push_back(sliceEntry(data, u, spss, ppss));
+            continue;
+        }
         if (type != 7 && type != 8) continue;
         std::vector<uint8_t> bytes(data.begin() + u.payload, data.begin() + u.payload + u.size);
-        if (!seen.insert(bytes).second) continue;
-
+        BitBuffer bb{bytes.data(), u.size, u.size * 8, 0};
+        const bool fresh = seen.insert(bytes).second;
+        JsonFields trace(JsonFields::Codes::kSigned);
         Json unit;
         unit["type"] = type == 7 ? "SPS" : "PPS";
         unit["offset"] = u.offset;
         unit["size"] = u.size;
-        Json syntax = Json::object();
-        JsonTrace trace(syntax);
-        BitBuffer bb{bytes.data(), u.size, u.size * 8, 0};
         if (type == 7) {
             H264SpsRecord sps{};
             qnv::readH264Sps(&bb, &sps, &trace);
-            unit["syntax"] = std::move(syntax);
+            spss[sps.seq_parameter_set_id] = sps;
+            unit["syntax"] = std::move(trace.fields);
             unit["derived"] = derived(sps);
             haveSps = true;
         } else {
             H264PpsRecord pps{};
             qnv::readH264Pps(&bb, &pps, &trace);
-            unit["syntax"] = std::move(syntax);
+            ppss[pps.pic_parameter_set_id] = pps;
+            unit["syntax"] = std::move(trace.fields);
         }
-        sets.push_back(std::move(unit));
-        if (options.first && haveSps && type == 8) break;  // the first complete set
+        if (fresh && !complete) sets.push_back(std::move(unit));
+        if (options.first && haveSps && type == 8) {
+            complete = true;  // the first complete set
+            if (!options.slices) break;
+        }
     }
     if (sets.empty()) throw Error("no H.264 parameter sets found");
     Json doc;
     doc["codec"] = "h264";
     doc["parameter_sets"] = std::move(sets);
+    if (options.slices) doc["slices"] = std::move(slices);
     out << doc.dump(2) << "\n";
 }
 

@@ -5,50 +5,28 @@
 #include <nlohmann/json.hpp>
 
 #include <cstring>
+#include <map>
+#include <memory>
 #include <set>
 
 #include "qnvutil/hevc/hevc_internal.h"
+#include "qnvutil/hevc/hevc_slice.h"
 #include "tools/qnvtool/annexb.h"
 #include "tools/qnvtool/probe.h"
+#include "tools/qnvtool/probe_json.h"
 #include "tools/qnvtool/tool.h"
 
 namespace qnvtool {
 
 namespace {
 
-// Elements the records keep, as JSON members; subscripted elements become
-// arrays (nested for two subscripts).
-class JsonFields : public qnv::hevc::FieldSink {
-public:
-    nlohmann::json fields = nlohmann::json::object();
-    void field(uint32_t, const qnv::hevc::Name& name, int64_t value, int32_t width, bool kept) override {
-        if (!kept) return;
-        nlohmann::json v = width == qnv::hevc::kSe ? nlohmann::json(value) : nlohmann::json(uint64_t(value));
-        if (std::strcmp(name.text, "general_constraint_flags") == 0) {
-            // The four leading flags by their own names, and all 48 bits.
-            fields["general_progressive_source_flag"] = (value >> 47) & 1;
-            fields["general_interlaced_source_flag"] = (value >> 46) & 1;
-            fields["general_non_packed_constraint_flag"] = (value >> 45) & 1;
-            fields["general_frame_only_constraint_flag"] = (value >> 44) & 1;
-        }
-        nlohmann::json& slot = fields[name.text];
-        if (name.i < 0) {
-            slot = v;
-        } else if (name.j < 0) {
-            slot[static_cast<size_t>(name.i)] = v;
-        } else {
-            slot[static_cast<size_t>(name.i)][static_cast<size_t>(name.j)] = v;
-        }
-    }
-};
-
 const char* chromaName(uint32_t idc) {
     static const char* const kNames[] = {"4:0:0", "4:2:0", "4:2:2", "4:4:4"};
     return idc < 4 ? kNames[idc] : "unknown";
 }
 
-nlohmann::json spsSummary(const HevcSpsRecord& s, const HevcVpsRecord* vps) {
-    nlohmann::json j;
+Json spsSummary(const HevcSpsRecord& s, const HevcVpsRecord* vps) {
+    Json j;
     // Conformance window offsets count chroma samples.
     const uint32_t subWidth = s.chroma_format_idc == 1 || s.chroma_format_idc == 2 ? 2 : 1;
     const uint32_t subHeight = s.chroma_format_idc == 1 ? 2 : 1;
@@ -86,27 +64,60 @@ bool detectHevc(const std::vector<uint8_t>& data) {
     return startsWithStartCode(data) && detectCodec(data, listUnits(data)) == Codec::kHevc;
 }
 
+// A slice segment header, read with the parameter sets active at it; a
+// dependent segment continues the record of the segment before it.
+Json sliceEntry(const uint8_t* unit, const NalUnit& u, const std::map<uint32_t, std::unique_ptr<HevcSpsRecord>>& spss,
+                const std::map<uint32_t, HevcPpsRecord>& ppss, qnv::hevc::HevcSliceHeader& h) {
+    Json entry;
+    entry["type"] = "slice segment";
+    entry["offset"] = u.offset;
+    entry["size"] = u.size;
+    // slice_pic_parameter_set_id follows the first flag (and, for IRAP
+    // pictures, no_output_of_prior_pics_flag).
+    const uint32_t type = (unit[0] >> 1) & 63u;
+    BitBuffer bb{const_cast<uint8_t*>(unit), u.size, u.size * 8, 17u + (qnv::hevc::isIrap(type) ? 1u : 0u)};
+    const uint32_t ppsId = u.size > 2 ? ReadExponentialGolombCode(&bb) : 0xFFFFFFFFu;
+    auto pps = ppss.find(ppsId);
+    auto sps = pps == ppss.end() ? spss.end() : spss.find(pps->second.pps_seq_parameter_set_id);
+    JsonFields fields;
+    if (sps == spss.end() ||
+        qnv::hevc::readSliceSegmentHeader(unit, u.size, *sps->second, pps->second, h, &fields) != qnv::hevc::SliceRead::kOk) {
+        entry["error"] = "no active parameter sets read this header";
+        return entry;
+    }
+    entry["fields"] = std::move(fields.fields);
+    entry["header_bits"] = h.header_bits;
+    return entry;
+}
+
 void probeHevc(const std::vector<uint8_t>& data, const ProbeOptions& options, std::ostream& out) {
-    nlohmann::json list = nlohmann::json::array();
+    Json list = Json::array();
     std::set<std::vector<uint8_t>> seen;
+    std::map<uint32_t, std::unique_ptr<HevcSpsRecord>> spss;
+    std::map<uint32_t, HevcPpsRecord> ppss;
+    auto slice = std::make_unique<qnv::hevc::HevcSliceHeader>();
     HevcVpsRecord vps{};
-    bool haveVps = false;
+    bool haveVps = false, done = false;
     for (const NalUnit& u : listUnits(data)) {
         if (u.size < 2) continue;
         const uint8_t* unit = data.data() + u.payload;
         const uint32_t type = (unit[0] >> 1) & 63u;
+        if (options.slices && type <= 21) {
+            list.push_back(sliceEntry(unit, u, spss, ppss, *slice));
+            continue;
+        }
         if (type < 32 || type > 34) continue;
         std::vector<uint8_t> bytes(unit, unit + u.size);
         while (bytes.size() > 2 && bytes.back() == 0) bytes.pop_back();  // trailing zero bytes
-        if (!seen.insert(bytes).second) continue;
+        const bool fresh = seen.insert(bytes).second;
 
         JsonFields fields;
         qnv::hevc::listParameterSet(bytes.data(), static_cast<uint32_t>(bytes.size()), fields);
-        nlohmann::json entry;
+        Json entry;
         entry["type"] = type == 32 ? "VPS" : type == 33 ? "SPS" : "PPS";
         entry["offset"] = u.offset;
         entry["size"] = bytes.size();
-        entry["fields"] = fields.fields;
+        entry["fields"] = std::move(fields.fields);
         bytes.push_back(0);  // the reader's spare byte
         BitBuffer bb{bytes.data(), static_cast<uint32_t>(bytes.size()), static_cast<uint32_t>(bytes.size() - 1) * 8, 0};
         if (type == 32) {
@@ -114,11 +125,19 @@ void probeHevc(const std::vector<uint8_t>& data, const ProbeOptions& options, st
             haveVps = qnvutilRead_HEVC_VPS(&bb, &vps, nullptr, 0) != 0xFFFFFFFFu;
         } else if (type == 33) {
             auto sps = std::make_unique<HevcSpsRecord>();
-            if (qnvutilRead_HEVC_SPS(&bb, sps.get(), nullptr, 0) != 0xFFFFFFFFu)
+            if (qnvutilRead_HEVC_SPS(&bb, sps.get(), nullptr, 0) != 0xFFFFFFFFu) {
                 entry["summary"] = spsSummary(*sps, haveVps ? &vps : nullptr);
+                spss[sps->sps_seq_parameter_set_id] = std::move(sps);
+            }
+        } else {
+            HevcPpsRecord pps{};
+            if (qnvutilRead_HEVC_PPS(&bb, &pps, nullptr, 0) != 0xFFFFFFFFu) ppss[pps.pps_pic_parameter_set_id] = pps;
         }
-        list.push_back(entry);
-        if (options.first) break;
+        if (fresh && !done) list.push_back(std::move(entry));
+        if (options.first) {
+            done = true;
+            if (!options.slices) break;
+        }
     }
     if (list.empty()) throw Error("no HEVC parameter sets found");
     out << list.dump(2) << "\n";

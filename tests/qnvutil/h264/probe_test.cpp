@@ -33,3 +33,31 @@ TEST(H264Probe, DescribesParameterSetsAsJson) {
     EXPECT_EQ(vui[0]["syntax"]["vui_parameters"]["nal_hrd_parameters"]["cpb_cnt_minus1"], 0);
     EXPECT_EQ(vui[1]["syntax"]["ScalingList4x4"][0][0], 6);
 }
+
+TEST(H264Probe, ListsSliceHeadersOfBothCodecsInSyntaxOrder) {
+    if (!qnvtest::qnvtoolBuilt()) GTEST_SKIP() << "qnvtool not built";
+    auto probe = [](const std::string& args) {
+        return nlohmann::ordered_json::parse(qnvtest::runCommand(qnvtest::kQnvtool + " probe --slices " + QNV_TEST_DATA + "/" + args));
+    };
+    const auto avc = probe("h264/slices/strict.264");
+    ASSERT_EQ(avc["slices"].size(), 16u);
+    const auto& idr = avc["slices"][0];
+    EXPECT_EQ(idr["type"], "slice");
+    EXPECT_EQ(idr["fields"].begin().key(), "forbidden_zero_bit");  // syntax order, not alphabetical
+    EXPECT_EQ(idr["fields"]["dec_ref_pic_marking"]["no_output_of_prior_pics_flag"], 0);
+    bool modified = false;
+    for (const auto& s : avc["slices"])
+        if (s["fields"].contains("ref_pic_list_modification_l0"))
+            modified = s["fields"]["ref_pic_list_modification_l0"]["modification_of_pic_nums_idc"].back() == 3;
+    EXPECT_TRUE(modified);
+
+    const auto hevc = probe("hevc/slices/wpp_slices.265");
+    int segments = 0;
+    for (const auto& e : hevc) {
+        if (e["type"] != "slice segment") continue;
+        ++segments;
+        EXPECT_FALSE(e.contains("error"));
+        EXPECT_TRUE(e["fields"].contains("num_entry_point_offsets"));
+    }
+    EXPECT_EQ(segments, 16);
+}
