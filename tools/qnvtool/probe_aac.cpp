@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <ostream>
 #include <string>
+#include <string_view>
 
 #include "qnvutil/aac.h"
 #include "qnvutil/aac/aac_internal.h"
@@ -101,7 +102,8 @@ void printTable(const std::vector<Frame>& frames, size_t fileSize, std::ostream&
     out << frames.size() << " ADTS frames\n";
 }
 
-void printSummary(const std::vector<Frame>& frames, size_t fileSize, std::ostream& out) {
+void printSummary(const std::vector<uint8_t>& data, const std::vector<Frame>& frames, std::ostream& out) {
+    const size_t fileSize = data.size();
     const Frame& first = frames.front();
     const ADTSHeader& h = first.header;
     uint64_t samples = 0;
@@ -120,38 +122,39 @@ void printSummary(const std::vector<Frame>& frames, size_t fileSize, std::ostrea
         out << line;
     }
     out << "first header (" << first.headerBits << " bits):\n";
-    std::snprintf(line, sizeof line, "  %-36s 0x%03X\n", "syncword", h.syncword);
-    out << line;
-    const std::pair<const char*, uint32_t> fields[] = {
-        {"ID", h.ID},
-        {"layer", h.layer},
-        {"protection_absent", h.protection_absent},
-        {"profile", h.profile},
-        {"sampling_frequency_index", h.sampling_frequency_index},
-        {"private_bit", h.private_bit},
-        {"channel_configuration", h.channel_configuration},
-        {"original_copy", h.original_copy},
-        {"home", h.home},
-        {"copyright_identification_bit", h.copyright_identification_bit},
-        {"copyright_identification_start", h.copyright_identification_start},
-        {"aac_frame_length", h.aac_frame_length},
-        {"adts_buffer_fullness", h.adts_buffer_fullness},
-        {"number_of_raw_data_blocks_in_frame", h.number_of_raw_data_blocks_in_frame}};
-    for (const auto& [name, value] : fields) {
-        std::snprintf(line, sizeof line, "  %-36s %u\n", name, value);
-        out << line;
-    }
+    // The elements as the library's description reads them.
+    struct Lines : qnv::syntax::FieldSink {
+        std::ostream& out;
+        bool crc = false;
+        explicit Lines(std::ostream& o) : out(o) {}
+        void field(uint32_t, const qnv::syntax::Name& name, int64_t value, int32_t, bool) override {
+            char line[256];
+            const std::string_view n = name.text;
+            if (n == "syncword")
+                std::snprintf(line, sizeof line, "  %-36s 0x%03X\n", name.text, static_cast<uint32_t>(value));
+            else if (n == "crc_check")
+                std::snprintf(line, sizeof line, "  %-36s 0x%04X\n", name.text, static_cast<uint32_t>(value));
+            else
+                std::snprintf(line, sizeof line, "  %-36s %u\n", name.text, static_cast<uint32_t>(value));
+            crc = crc || n == "crc_check";
+            out << line;
+        }
+    } lines(out);
+    const size_t available = data.size() < 9 ? data.size() : 9;
+    BitBuffer bb{const_cast<uint8_t*>(data.data()), static_cast<uint32_t>(available),
+                 static_cast<uint32_t>(available * 8), 0};
+    ADTSHeader again{};
+    qnv::readAdtsHeader(&bb, &again, &lines);
     // The CRC word is read when protection_absent is set (this library's rule),
     // so for streams without protection it holds the first payload bits.
-    std::snprintf(line, sizeof line, "  %-36s %s\n", "crc_check", crcText(first).c_str());
-    out << line;
+    if (!lines.crc) out << "  crc_check                            -\n";
 }
 
 void runAdts(const std::vector<uint8_t>& data, const ProbeOptions& options, std::ostream& out) {
     Walk w = walk(data);
     if (w.frames.empty()) throw Error(w.problem);
     if (options.first)
-        printSummary(w.frames, data.size(), out);
+        printSummary(data, w.frames, out);
     else
         printTable(w.frames, data.size(), out);
     if (!w.problem.empty()) throw Error(w.problem + " (after " + std::to_string(w.frames.size()) + " frames)");
