@@ -158,11 +158,12 @@ uint32_t readHeader(const uint8_t* unit, uint32_t size, const H264SpsRecord& sps
     if (size < 2 || !isCodedSlice(unit[0] & 31u)) return kSliceFailed;
     h264::SliceContext x;
     if (!h264::sliceContext(sps, pps, x)) return kSliceFailed;
-    uint8_t rbsp[kHeaderWindow + 8] = {};
+    uint8_t rbsp[kHeaderWindow + 8];
     RbspBytes source(unit, size);
     uint32_t n = 0;
     for (uint8_t b; n < kHeaderWindow && source.next(b);) rbsp[n++] = b;
-    BitBuffer bb{rbsp, sizeof rbsp, n * 8, 0};
+    std::memset(rbsp + n, 0, 8);  // what reads past sizeBits may touch
+    BitBuffer bb{rbsp, n + 8, n * 8, 0};
     ReadCoder c(&bb, sink);
     if (!h264::sliceHeader(c, slice, x) || c.outOfRange() != 0 || bb.bitPos > bb.sizeBits) return kSliceFailed;
     if (checkIds && (static_cast<uint32_t>(slice.pic_parameter_set_id) != static_cast<uint32_t>(pps.pic_parameter_set_id) ||

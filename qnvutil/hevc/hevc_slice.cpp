@@ -306,7 +306,7 @@ SliceRead readSliceSegmentHeader(const uint8_t* unit, uint32_t size, const HevcS
     // A dependent segment keeps its independent segment's fields.
     const bool maybeDependent = (unit[2] & 0x80) == 0 && pps.dependent_slice_segments_enabled_flag;
     if (!maybeDependent) std::memset(&slice, 0, sizeof slice);
-    uint8_t rbsp[kHeaderWindow + 8] = {};
+    uint8_t rbsp[kHeaderWindow + 8];
     uint32_t n = 0, zeros = 0;
     for (uint32_t i = 0; i < size && n < kHeaderWindow; ++i) {
         if (zeros >= 2 && unit[i] == 3) {
@@ -316,7 +316,8 @@ SliceRead readSliceSegmentHeader(const uint8_t* unit, uint32_t size, const HevcS
         zeros = unit[i] == 0 ? zeros + 1 : 0;
         rbsp[n++] = unit[i];
     }
-    BitBuffer bb{rbsp, sizeof rbsp, n * 8, 0};
+    std::memset(rbsp + n, 0, 8);  // what reads past sizeBits may touch
+    BitBuffer bb{rbsp, n + 8, n * 8, 0};
     ReadCoder c(&bb, sink);
     if (!sliceSegmentHeader(c, slice, sps, pps, x) || c.outOfRange() != 0 || bb.bitPos > bb.sizeBits)
         return SliceRead::kFailed;
