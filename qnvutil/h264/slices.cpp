@@ -149,6 +149,7 @@ private:
 };
 
 constexpr uint32_t kHeaderWindow = 2048;
+constexpr uint32_t kFirstWindow = 96;
 
 bool isCodedSlice(uint32_t type) { return type == 1 || type == 5; }
 
@@ -156,21 +157,35 @@ uint32_t readHeader(const uint8_t* unit, uint32_t size, const H264SpsRecord& sps
                     H264SliceHeader& slice, bool checkIds, FieldSink* sink) {
     std::memset(&slice, 0, sizeof slice);
     if (size < 2 || !isCodedSlice(unit[0] & 31u)) return kSliceFailed;
+
     h264::SliceContext x;
     if (!h264::sliceContext(sps, pps, x)) return kSliceFailed;
+    // Most headers fit the first bytes: those are tried first, and the whole
+    // window only when the header runs past them.
     uint8_t rbsp[kHeaderWindow + 8];
-    RbspBytes source(unit, size);
-    uint32_t n = 0;
-    for (uint8_t b; n < kHeaderWindow && source.next(b);) rbsp[n++] = b;
-    std::memset(rbsp + n, 0, 8);  // what reads past sizeBits may touch
-    BitBuffer bb{rbsp, n + 8, n * 8, 0};
-    ReadCoder c(&bb, sink);
-    if (!h264::sliceHeader(c, slice, x) || c.outOfRange() != 0 || bb.bitPos > bb.sizeBits) return kSliceFailed;
+    auto parse = [&](uint32_t window, FieldSink* s, bool& whole) -> uint32_t {
+        std::memset(&slice, 0, sizeof slice);
+        RbspBytes source(unit, size);
+        uint32_t n = 0;
+        uint8_t b = 0;
+        while (n < window && source.next(b)) rbsp[n++] = b;
+        whole = n < window || !source.next(b);
+        std::memset(rbsp + n, 0, 8);  // what reads past sizeBits may touch
+        BitBuffer bb{rbsp, n + 8, n * 8, 0};
+        ReadCoder c(&bb, s);
+        if (!h264::sliceHeader(c, slice, x) || c.outOfRange() != 0 || bb.bitPos > bb.sizeBits) return kSliceFailed;
+        return bb.bitPos;
+    };
+    bool whole = false;
+    uint32_t bits = kSliceFailed;
+    if (sink == nullptr) bits = parse(kFirstWindow, nullptr, whole);
+    if (bits == kSliceFailed && !whole) bits = parse(kHeaderWindow, sink, whole);
+    if (bits == kSliceFailed) return kSliceFailed;
     if (checkIds && (static_cast<uint32_t>(slice.pic_parameter_set_id) != static_cast<uint32_t>(pps.pic_parameter_set_id) ||
                      pps.seq_parameter_set_id != sps.seq_parameter_set_id))
         return kSliceFailed;
-    slice.header_bits = static_cast<int32_t>(bb.bitPos);
-    return bb.bitPos;
+    slice.header_bits = static_cast<int32_t>(bits);
+    return bits;
 }
 
 uint32_t writeHeader(const H264SliceHeader& slice, const H264SpsRecord& sps, const H264PpsRecord& pps, BitBuffer* out,
