@@ -271,6 +271,11 @@ private:
     c.ue(s.field[i], {#field, int32_t(i)} __VA_OPT__(, ::qnv::syntax::Bounds{__VA_ARGS__}))
 #define QNV_SEI(field, i, ...) \
     c.se(s.field[i], {#field, int32_t(i)} __VA_OPT__(, ::qnv::syntax::Bounds{__VA_ARGS__}))
+// An element coded once per entry that the record keeps in one word (the
+// last entry's value stays): field as entry i.
+#define QNV_U_AT(n, field, i) c.u(n, s.field, {#field, int32_t(i)})
+#define QNV_UE_AT(field, i) c.ue(s.field, {#field, int32_t(i)})
+#define QNV_SE_AT(field, i) c.se(s.field, {#field, int32_t(i)})
 #define QNV_SEIJ(field, i, j, ...) \
     c.se(s.field[i][j], {#field, int32_t(i), int32_t(j)} __VA_OPT__(, ::qnv::syntax::Bounds{__VA_ARGS__}))
 

@@ -278,7 +278,7 @@ void spsPayload(C& c, S& s) {
         // One slot: each offset overwrites it and the last one stays. Past
         // the end every ue(v) reads 0, which a skipped run leaves in the slot.
         const uint32_t ran = repeat(c, cycle, 0, 1, [&](uint32_t i) {
-            c.ue(s.offset_for_ref_frame, {"offset_for_ref_frame", static_cast<int32_t>(i)});
+            QNV_UE_AT(offset_for_ref_frame, i);
         });
         if (ran != cycle) c.derive(s.offset_for_ref_frame, 0);
     }
