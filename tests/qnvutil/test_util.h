@@ -7,6 +7,7 @@
 #include <fstream>
 #include <initializer_list>
 #include <iterator>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -65,6 +66,36 @@ inline std::string runCommand(const std::string& command) {
 // The qnvtool of this build, and whether it was built.
 inline const std::string kQnvtool = std::string(QNV_BINARY_DIR) + "/bin/qnvtool";
 inline bool qnvtoolBuilt() { return !runCommand("test -x " + kQnvtool + " && echo yes").empty(); }
+
+// A trace_headers reference of slice headers (tests/data/*/slices/*.ref): a
+// "SLICE" line per header, then "pos name bits value" lines. Elements that
+// `omit` names are left out of `lines`; `end` is the bit after the last
+// element, the omitted ones counted where `endAfterOmitted` says so.
+struct TracedHeader {
+    std::vector<std::string> lines;  // "pos name value"
+    uint32_t end = 0;
+};
+
+template <class Omit>
+std::vector<TracedHeader> loadHeaderTrace(const std::string& path, Omit omit, bool endAfterOmitted) {
+    std::ifstream in(std::string(QNV_TEST_DATA) + "/" + path);
+    std::vector<TracedHeader> headers;
+    for (std::string line; std::getline(in, line);) {
+        if (line == "SLICE") {
+            headers.emplace_back();
+            continue;
+        }
+        if (headers.empty()) continue;
+        std::istringstream f(line);
+        uint32_t pos = 0;
+        std::string element, bits, value;
+        f >> pos >> element >> bits >> value;
+        const bool omitted = omit(element);
+        if (!omitted || endAfterOmitted) headers.back().end = pos + static_cast<uint32_t>(bits.size());
+        if (!omitted) headers.back().lines.push_back(std::to_string(pos) + " " + element + " " + value);
+    }
+    return headers;
+}
 
 }  // namespace qnvtest
 

@@ -164,32 +164,10 @@ public:
     }
 };
 
-struct TracedSlice {
-    std::vector<std::string> lines;  // "pos name value"
-    uint32_t headerBits = 0;
-};
-
-std::vector<TracedSlice> loadSliceTrace(const std::string& name) {
-    std::ifstream in(std::string(QNV_TEST_DATA) + "/h264/slices/" + name + ".ref");
-    std::vector<TracedSlice> slices;
-    for (std::string line; std::getline(in, line);) {
-        if (line == "SLICE") {
-            slices.emplace_back();
-            continue;
-        }
-        std::istringstream f(line);
-        uint32_t pos;
-        std::string element, bits, value;
-        f >> pos >> element >> bits >> value;
-        TracedSlice& s = slices.back();
-        if (element == "cabac_alignment_one_bit") {
-            if (s.headerBits == 0) s.headerBits = pos;
-            continue;
-        }
-        s.lines.push_back(std::to_string(pos) + " " + element + " " + value);
-        s.headerBits = pos + static_cast<uint32_t>(bits.size());
-    }
-    return slices;
+// The header ends before the CABAC alignment bits, which belong to the data.
+std::vector<qnvtest::TracedHeader> loadSliceTrace(const std::string& name) {
+    return qnvtest::loadHeaderTrace(
+        "h264/slices/" + name + ".ref", [](const std::string& e) { return e == "cabac_alignment_one_bit"; }, false);
 }
 
 TEST(H264SliceHeader, ReadsEveryElementAsTraceHeadersDoes) {
@@ -207,7 +185,7 @@ TEST(H264SliceHeader, ReadsEveryElementAsTraceHeadersDoes) {
             const H264PpsRecord& pps = s.pps.begin()->second;
             const uint32_t bits = qnv::readSliceHeader(&bb, &s.sps.at(pps.seq_parameter_set_id), &pps, &h, &seen);
             EXPECT_EQ(seen.lines, traced[k].lines) << "slice " << k;
-            EXPECT_EQ(bits, traced[k].headerBits) << "slice " << k;
+            EXPECT_EQ(bits, traced[k].end) << "slice " << k;
             EXPECT_EQ(h.header_bits, static_cast<int32_t>(bits));
             ++k;
         }

@@ -33,28 +33,14 @@ public:
     }
 };
 
-struct Traced {
-    std::vector<std::string> lines;
-    uint32_t end = 0;  // after byte_alignment()
-};
-
-std::vector<Traced> loadTrace(const std::string& name) {
-    std::ifstream in(std::string(QNV_TEST_DATA) + "/hevc/slices/" + name + ".ref");
-    std::vector<Traced> slices;
-    for (std::string line; std::getline(in, line);) {
-        if (line == "SLICE") {
-            slices.emplace_back();
-            continue;
-        }
-        std::istringstream f(line);
-        uint32_t pos;
-        std::string element, bits, value;
-        f >> pos >> element >> bits >> value;
-        slices.back().end = pos + static_cast<uint32_t>(bits.size());
-        if (element.rfind("alignment_bit", 0) == 0 || element.rfind("entry_point_offset_minus1", 0) == 0) continue;
-        slices.back().lines.push_back(std::to_string(pos) + " " + element + " " + value);
-    }
-    return slices;
+// The header ends after byte_alignment(); entry point offsets are not kept.
+std::vector<qnvtest::TracedHeader> loadTrace(const std::string& name) {
+    return qnvtest::loadHeaderTrace(
+        "hevc/slices/" + name + ".ref",
+        [](const std::string& e) {
+            return e.rfind("alignment_bit", 0) == 0 || e.rfind("entry_point_offset_minus1", 0) == 0;
+        },
+        true);
 }
 
 TEST(HevcSliceHeader, ReadsEveryElementAsTraceHeadersDoes) {
