@@ -1,9 +1,9 @@
 // The HEVC slice segment header reader on an SPS, a PPS and a slice unit cut
 // from the input (each behind a two-byte length), the records read by the
 // library's readers. The reader must stay inside the unit and the records.
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <algorithm>
 #include <memory>
 #include <vector>
 
