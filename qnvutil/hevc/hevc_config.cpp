@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include "foundation/nal/nal.h"
 #include "foundation/nalscan/nalscan.h"
 #include "qnvutil/hevc/hevc_internal.h"
 
@@ -11,7 +12,8 @@ using namespace qnv::hevc;
 
 namespace {
 
-constexpr uint32_t kVpsType = 32, kSpsType = 33, kPpsType = 34, kPrefixSeiType = 39;
+constexpr uint32_t kVpsType = nal::hevc::kVps, kSpsType = nal::hevc::kSps, kPpsType = nal::hevc::kPps,
+                   kPrefixSeiType = nal::hevc::kPrefixSei;
 
 // Steps 2-3 of reading a record: the fixed header up to bitDepthChromaMinus8.
 // False at the first reserved group that is not all ones.
@@ -69,7 +71,7 @@ uint32_t qnvutilRead_HEVC_CR(BitBuffer* reader, HevcConfigRecord* config, HevcVp
         if (readConfigHeader(&bb, config)) break;
         if (attempt == 1) return finish(0xFFFFFFFFu);
         // The record may have been stored with emulation-prevention bytes.
-        const uint32_t removed = removeEmulationPrevention(scratch, reader->sizeBytes, 3);
+        const uint32_t removed = nal::unescape(scratch, scratch, reader->sizeBytes, {.from = 3});
         bb.sizeBits -= 8 * removed;
     }
     config->avgFrameRate = ReadBits(&bb, 16);
@@ -217,7 +219,7 @@ void inspectSei(const uint8_t* unit, uint32_t size, const HevcSpsRecord* sps, He
     uint8_t copy[kSeiInspectBytes + 8] = {};
     const uint32_t count = size < kSeiInspectBytes ? size : kSeiInspectBytes;
     std::memcpy(copy, unit, count);
-    const uint32_t bytes = count - removeEmulationPrevention(copy, count, 2);
+    const uint32_t bytes = count - nal::unescape(copy, copy, count, {.from = 2});
     BitBuffer bb{copy, sizeof copy, bytes * 8, 16};
     // Messages until the trailing bits (a last byte of 0x80) or the end.
     while (bb.bitPos + 16 <= bb.sizeBits && !(bb.bitPos / 8 + 1 == bytes && copy[bytes - 1] == 0x80)) {
@@ -310,11 +312,11 @@ extern "C" uint32_t qnvutilFindNalUnitsHevc(HevcFrameContext* frame, HevcVpsReco
                 inspectSei(unit, length, sps, frame);
                 break;
             default:
-                if (type < 32 && !(frame->found & HEVC_FOUND_VCL)) {
+                if (nal::isVcl(nal::Codec::kHevc, type) && !(frame->found & HEVC_FOUND_VCL)) {
                     frame->found |= HEVC_FOUND_VCL;
                     frame->firstVclOffset = at;
                 }
-                if (type >= 16 && type <= 23) frame->found |= HEVC_FOUND_IRAP;
+                if (type >= nal::hevc::kBlaWLp && type <= nal::hevc::kIrapLast) frame->found |= HEVC_FOUND_IRAP;
                 break;
         }
         offset += end > 0 ? static_cast<uint32_t>(end) : 1u;

@@ -79,7 +79,7 @@ void buildBox(const HvccOptions& o) {
     std::vector<uint8_t> nal[3];
     for (const NalUnit& u : listUnits(data)) {
         if (u.size < 2) continue;
-        const uint32_t type = (data[u.payload] >> 1) & 63u;
+        const uint32_t type = qnv::nal::unitType(qnv::nal::Codec::kHevc, data[u.payload]);
         if (type < 32 || type > 34 || !nal[type - 32].empty()) continue;
         std::vector<uint8_t>& unit = nal[type - 32];
         unit.assign(data.begin() + u.payload, data.begin() + u.payload + u.size);
