@@ -10,6 +10,7 @@
 #define QNVUTIL_FOUNDATION_NAL_NAL_H
 
 #include <cstdint>
+#include <cstring>
 
 namespace qnv::nal {
 
@@ -184,6 +185,33 @@ public:
 private:
     EscapeOptions options_;
     uint32_t zeros_ = 0;
+};
+
+// ---- Copies handed to a caller ---------------------------------------------------
+
+// A caller's buffer for the copy of a unit, with an in-out size: the
+// capacity on entry, the copied length on return (0 until a unit is taken,
+// and after a unit that did not fit).
+class UnitCopy {
+public:
+    // guard: a buffer is written only when its capacity is given
+    UnitCopy(uint8_t* buffer, uint32_t* size) : buffer_(buffer), size_(size), capacity_(size ? *size : 0) {
+        if (size_) *size_ = 0;
+    }
+    void take(const uint8_t* unit, uint32_t n) {
+        if (buffer_ == nullptr || size_ == nullptr) return;
+        if (n > capacity_) {
+            *size_ = 0;
+            return;
+        }
+        std::memcpy(buffer_, unit, n);
+        *size_ = n;
+    }
+
+private:
+    uint8_t* buffer_;
+    uint32_t* size_;
+    uint32_t capacity_;
 };
 
 // ---- Byte helpers -------------------------------------------------------------

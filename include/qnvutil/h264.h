@@ -36,6 +36,7 @@
 #include <stdint.h>
 
 #include "qnvutil/bitbuffer.h"
+#include "qnvutil/dframe.h"
 #include "qnvutil/export.h"
 
 QNV_BEGIN_C
@@ -244,6 +245,73 @@ QNV_STATIC_ASSERT(offsetof(H264PpsRecord, second_chroma_qp_index_offset) == 809 
 QNV_API uint32_t qnvutilRead_SPS(BitBuffer* bb, H264SpsRecord* sps);
 /* As qnvutilRead_SPS for a PPS; 0 only when bb or pps is null. */
 QNV_API uint32_t qnvutilRead_PPS(BitBuffer* bb, H264PpsRecord* pps);
+
+/* ---- Frame scan ---------------------------------------------------------------- */
+
+/* Bits of H264FrameContext.found (the values HevcFrameContext uses for the
+   same findings). */
+#define H264_FOUND_SPS 0x02u
+#define H264_FOUND_PPS 0x04u
+#define H264_FOUND_VCL 0x08u          /* a slice (nal_unit_type 1-5) */
+#define H264_FOUND_IDR 0x10u          /* an IDR slice (type 5) */
+#define H264_FOUND_PIC_TIMING 0x20u   /* pic_timing SEI, fields below */
+#define H264_FOUND_CAPTIONS 0x40u     /* T.35 SEI carrying CEA-708 captions ("GA94", type 3) */
+#define H264_FOUND_RECOVERY 0x80u     /* recovery_point SEI, fields below */
+#define H264_FOUND_AUD 0x100u         /* an access unit delimiter */
+#define H264_FOUND_TRUNCATED 0x200u   /* length-prefixed: a length ran past the end; the walk stopped */
+
+/* One frame and what qnvutilFindNalUnits found in it. The caller sets data,
+   size and lengthPrefixed; the scan sets every later field (zero when not
+   found). */
+typedef struct H264FrameContext {
+    const uint8_t* data;     /* the frame */
+    uint32_t size;           /* bytes at data */
+    uint32_t lengthPrefixed; /* 0: Annex B start codes; else 4-byte big-endian lengths */
+    uint32_t found;          /* H264_FOUND_* bits */
+    uint32_t firstVclOffset; /* offset of the first slice's NAL header */
+    /* pic_timing (ITU-T H.264 D.1.3) of the first SEI that carries one, read
+       against the SPS record as it stands then (the frame's SPS when one came
+       before): the two delays when it has NAL or VCL HRD parameters (with the
+       NAL ones' lengths when both), pic_struct when it has
+       pic_struct_present_flag; none without an SPS record. */
+    uint32_t cpbRemovalDelay;
+    uint32_t dpbOutputDelay;
+    uint32_t picStruct;
+    /* recovery_point (D.1.8) of the first SEI that carries one */
+    uint32_t recoveryFrameCnt;
+    uint32_t exactMatchFlag;
+    uint32_t brokenLinkFlag;
+    uint32_t changingSliceGroupIdc;
+    /* cc_count of the first caption SEI */
+    uint32_t captionCount;
+} H264FrameContext;
+
+QNV_STATIC_ASSERT(offsetof(H264FrameContext, size) == sizeof(const uint8_t*), "H264FrameContext layout");
+QNV_STATIC_ASSERT(offsetof(H264FrameContext, found) == sizeof(const uint8_t*) + 2 * 4, "H264FrameContext layout");
+QNV_STATIC_ASSERT(offsetof(H264FrameContext, cpbRemovalDelay) == sizeof(const uint8_t*) + 4 * 4,
+                  "H264FrameContext layout");
+QNV_STATIC_ASSERT(offsetof(H264FrameContext, recoveryFrameCnt) == sizeof(const uint8_t*) + 7 * 4,
+                  "H264FrameContext layout");
+QNV_STATIC_ASSERT(sizeof(H264FrameContext) == sizeof(const uint8_t*) + 12 * 4, "H264FrameContext layout");
+
+/* Walks the NAL units of one frame (ITU-T H.264 7.3.1 and Annex B, or
+   ISO/IEC 14496-15 samples with 4-byte lengths). Every SPS and PPS is parsed
+   with qnvutilRead_SPS / qnvutilRead_PPS into the matching record (those
+   given; a later set of a kind overwrites an earlier one; the records are
+   not cleared first) and, when an output buffer is given, copied there (NAL
+   header first, no start code or length). Each *...Size is in-out: the
+   buffer's capacity on entry, the copied unit's length on return (0 when
+   none was found; a unit longer than the capacity is not copied and leaves
+   its size at 0). The first 1024 bytes of each SEI unit are unescaped and
+   their pic_timing (type 1), T.35 caption (type 4) and recovery_point
+   (type 6) messages noted in the context; other messages are skipped.
+   Bad input: Annex B bytes before the first start code are skipped; a
+   length that runs past the frame ends the walk (H264_FOUND_TRUNCATED);
+   SEI messages that run past their unit end the inspection of that unit;
+   nothing outside data[0, size) is read. Result: the number of NAL units
+   walked (0 when frame is null). */
+QNV_API uint32_t qnvutilFindNalUnits(H264FrameContext* frame, H264SpsRecord* sps, H264PpsRecord* pps, uint8_t* spsOut,
+                                     uint32_t* spsOutSize, uint8_t* ppsOut, uint32_t* ppsOutSize);
 
 QNV_END_C
 
