@@ -313,6 +313,47 @@ QNV_STATIC_ASSERT(sizeof(H264FrameContext) == sizeof(const uint8_t*) + 12 * 4, "
 QNV_API uint32_t qnvutilFindNalUnits(H264FrameContext* frame, H264SpsRecord* sps, H264PpsRecord* pps, uint8_t* spsOut,
                                      uint32_t* spsOutSize, uint8_t* ppsOut, uint32_t* ppsOutSize);
 
+/* ---- NAL unit insertion ---------------------------------------------------------- */
+
+/* Results of qnvutilAddNalUnits (the values of the caption insertions). */
+#define QNV_ADD_UNITS_OK 0
+#define QNV_ADD_UNITS_BAD (-1)
+#define QNV_ADD_UNITS_NO_ROOM (-102)
+
+/* Inserts NAL units into one access unit held in `frame`, each where the
+   order of NAL units in an access unit puts it (ITU-T H.264 7.4.1.2.3,
+   H.265 7.4.2.4.4):
+    - access unit delimiter (H.264 type 9, HEVC 35): in front of the frame's
+      first unit (a frame that has one already gets a second one: check
+      first, e.g. with qnvutilFindNalUnits' H264_FOUND_AUD);
+    - parameter sets (H.264 SPS 7, PPS 8, SPS extension 13, subset SPS 15;
+      HEVC VPS 32, SPS 33, PPS 34): behind the delimiter and the parameter
+      sets that precede the first slice, so that a PPS follows the SPS it
+      refers to (in front of the first unit when there are none);
+    - SEI (H.264 6) and prefix SEI (HEVC 39): in front of the first slice;
+    - suffix SEI (HEVC 40) and filler data (H.264 12, HEVC 38): behind the
+      last slice;
+    - end of sequence and of stream (H.264 10, 11; HEVC 36, 37): at the end.
+   A frame without a slice takes SEI, suffix SEI and filler at its end.
+   Units of one kind keep their given order, and the frame's own units and
+   the bytes between them stay as they are.
+   `units` holds unitsSize bytes of NAL units framed like the frame: each
+   behind a start code (00 00 01 or 00 00 00 01) when lengthPrefixed is 0,
+   else behind a 4-byte big-endian length; they are copied with their
+   prefix (zero bytes between Annex B units are left out). hevc non-zero:
+   both are HEVC, else H.264. The frame grows in place: frameSize rises by
+   the bytes inserted and nothing at or beyond frameCapacity is written.
+   Result: QNV_ADD_UNITS_OK; QNV_ADD_UNITS_BAD when frame, its frameData or
+   units is null, `units` holds no unit, bytes outside its units (before
+   the first start code, a cut or overlong length), a unit shorter than its
+   header, or a unit of another type (slices are never inserted), or when a
+   length-prefixed frame's lengths run past frameSize; QNV_ADD_UNITS_NO_ROOM
+   when frameSize plus the units exceeds frameCapacity (or frameSize already
+   does). On every failure the frame is left unchanged and one line goes to
+   ErrOut. No memory is allocated. */
+QNV_API int32_t qnvutilAddNalUnits(DFrame* frame, const uint8_t* units, uint32_t unitsSize, int8_t hevc,
+                                   int8_t lengthPrefixed);
+
 QNV_END_C
 
 #endif
