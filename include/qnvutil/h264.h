@@ -313,6 +313,61 @@ QNV_STATIC_ASSERT(sizeof(H264FrameContext) == sizeof(const uint8_t*) + 12 * 4, "
 QNV_API uint32_t qnvutilFindNalUnits(H264FrameContext* frame, H264SpsRecord* sps, H264PpsRecord* pps, uint8_t* spsOut,
                                      uint32_t* spsOutSize, uint8_t* ppsOut, uint32_t* ppsOutSize);
 
+/* ---- AVC decoder configuration record ('avcC') ----------------------------------- */
+
+/* AVCDecoderConfigurationRecord of ISO/IEC 14496-15 (5.3.3.1), one word per
+   field; the parameter-set units themselves travel separately. */
+typedef struct AvcConfigRecord {
+    uint32_t configurationVersion;         /* 0: 1 */
+    uint32_t AVCProfileIndication;         /* 1: profile_idc of the SPS */
+    uint32_t profile_compatibility;        /* 2: the constraint_set flags byte of the SPS */
+    uint32_t AVCLevelIndication;           /* 3: level_idc */
+    uint32_t lengthSizeMinusOne;           /* 4 */
+    uint32_t numOfSequenceParameterSets;   /* 5 */
+    uint32_t numOfPictureParameterSets;    /* 6 */
+    uint32_t extensionPresent;             /* 7: 1 when the four fields below were read */
+    uint32_t chroma_format;                /* 8 */
+    uint32_t bit_depth_luma_minus8;        /* 9 */
+    uint32_t bit_depth_chroma_minus8;      /* 10 */
+    uint32_t numOfSequenceParameterSetExt; /* 11 */
+} AvcConfigRecord;
+
+QNV_STATIC_ASSERT(sizeof(AvcConfigRecord) == 12 * 4, "AvcConfigRecord layout");
+QNV_STATIC_ASSERT(offsetof(AvcConfigRecord, lengthSizeMinusOne) == 4 * 4, "AvcConfigRecord layout");
+QNV_STATIC_ASSERT(offsetof(AvcConfigRecord, chroma_format) == 8 * 4, "AvcConfigRecord layout");
+
+/* Reads an 'avcC' box (ISO/IEC 14496-15 5.3.3.1): `reader` covers the whole
+   box with bitPos at its size field (the 8 bytes of size and type are
+   skipped unread, as qnvutilRead_HEVC_CR does). Fills `config`; copies the
+   first SPS and the first PPS it carries into spsOut and ppsOut (in-out
+   sizes as in qnvutilFindNalUnits) and parses them into the records that
+   are given (each may be null; clear them first). The extension fields
+   (chroma_format to the SPS extensions) are read when at least 4 bytes
+   follow the PPS array, whatever the profile. Reserved bits are not
+   checked. Result: the byte position (from the start of the reader's
+   buffer) of the record's end; 0 when config is null or the buffer is
+   empty; 0xFFFFFFFF when configurationVersion is not 1, the box ends
+   inside the fixed fields, or a unit length runs past its end (config then
+   holds what was read before). The reader's bitPos is left at the record's
+   end (at the failure). */
+QNV_API uint32_t qnvutilReadAvcc(BitBuffer* reader, AvcConfigRecord* config, H264SpsRecord* sps, H264PpsRecord* pps,
+                                 uint8_t* spsOut, uint32_t* spsOutSize, uint8_t* ppsOut, uint32_t* ppsOutSize);
+
+/* Builds the record (no box header) of a frame's parameter sets at
+   record[0, capacity): every SPS, PPS and SPS extension unit of the frame
+   (qnvutilFindNalUnits' walk of frame->data, both framings), each kind in
+   frame order, with lengthSizeMinusOne 3; profile, compatibility and level
+   are the first SPS's bytes 1-3. For profile_idc 100, 110, 122 and 144 the
+   extension follows, its chroma format and bit depths parsed from the first
+   SPS (1 and 0, 0 where the SPS has no chroma block). The result is byte for
+   byte the 'avcC' payload that ffmpeg writes for such a stream, except that
+   ffmpeg writes the extension for every profile but 66, 77 and 88. Result:
+   the record's length; 0 (nothing written) when frame is null, the frame
+   has no SPS of at least 4 bytes or no PPS, has more than 31 SPS or 255 PPS
+   or SPS extensions, a unit is longer than 65535 bytes, or the record does
+   not fit in capacity. */
+QNV_API uint32_t qnvutilGetAvcc(const H264FrameContext* frame, uint8_t* record, uint32_t capacity);
+
 /* ---- NAL unit insertion ---------------------------------------------------------- */
 
 /* Results of qnvutilAddNalUnits (the values of the caption insertions). */
