@@ -173,3 +173,22 @@ TEST(Avcc, ReaderRefusals) {
     BitBuffer empty{nullptr, 0, 0, 0};
     EXPECT_EQ(qnvutilReadAvcc(&empty, &c, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), 0u);
 }
+
+TEST(Avcc, ToolWritesAndReadsTheBox) {
+    if (!qnvtest::qnvtoolBuilt()) GTEST_SKIP() << "qnvtool is not built";
+    const std::string data = std::string(QNV_TEST_DATA) + "/h264/";
+    const std::string box = std::string(QNV_BINARY_DIR) + "/avcc_tool_box";
+    const std::string built = qnvtest::runCommand(qnvtest::kQnvtool + " avcc " + data + "avcc_high420.264 -o " + box + " 2>&1");
+    EXPECT_EQ(built.rfind("00 00 00 33 61 76 63 43 01 64 00 0a ff e1", 0), 0u) << built;
+    std::FILE* f = std::fopen(box.c_str(), "rb");
+    ASSERT_NE(f, nullptr);
+    Bytes written;
+    for (int ch; (ch = std::fgetc(f)) != EOF;) written.push_back(static_cast<uint8_t>(ch));
+    std::fclose(f);
+    EXPECT_EQ(written, findAvcc(qnvtest::readData("h264/avcc_high420.mp4")));
+    const std::string read = qnvtest::runCommand(qnvtest::kQnvtool + " avcc --read " + box + " 2>&1");
+    EXPECT_NE(read.find("chroma_format                       1\n"), std::string::npos) << read;
+    EXPECT_NE(read.find("SPS: id 0, coded 64x48, profile_idc 100, level_idc 10\n"), std::string::npos) << read;
+    EXPECT_NE(qnvtest::runCommand(qnvtest::kQnvtool + " avcc --read " + data + "avcc_high420.264 2>&1").find("not an 'avcC' box"),
+              std::string::npos);
+}
