@@ -353,7 +353,8 @@ QNV_STATIC_ASSERT(offsetof(AvcConfigRecord, chroma_format) == 8 * 4, "AvcConfigR
 QNV_API uint32_t qnvutilReadAvcc(BitBuffer* reader, AvcConfigRecord* config, H264SpsRecord* sps, H264PpsRecord* pps,
                                  uint8_t* spsOut, uint32_t* spsOutSize, uint8_t* ppsOut, uint32_t* ppsOutSize);
 
-/* Builds the record (no box header) of a frame's parameter sets at
+/* Builds the AVCDecoderConfigurationRecord (ISO/IEC 14496-15 5.3.3.1; no box
+   header) of a frame's parameter sets at
    record[0, capacity): every SPS, PPS and SPS extension unit of the frame
    (qnvutilFindNalUnits' walk of frame->data, both framings), each kind in
    frame order, with lengthSizeMinusOne 3; profile, compatibility and level
