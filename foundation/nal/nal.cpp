@@ -143,6 +143,7 @@ uint32_t escape(const uint8_t* src, uint32_t n, uint8_t* dst, const EscapeOption
     escapeWalk(
         src, n, options,
         [&](uint32_t from, uint32_t count) {
+            if (count == 0) return;  // guard: empty input may come with null pointers
             std::memcpy(dst + out, src + from, count);
             out += count;
         },
