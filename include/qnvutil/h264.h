@@ -36,6 +36,7 @@
 #include <stdint.h>
 
 #include "qnvutil/bitbuffer.h"
+#include "qnvutil/dframe.h"
 #include "qnvutil/export.h"
 
 QNV_BEGIN_C
@@ -245,7 +246,6 @@ QNV_API uint32_t qnvutilRead_SPS(BitBuffer* bb, H264SpsRecord* sps);
 /* As qnvutilRead_SPS for a PPS; 0 only when bb or pps is null. */
 QNV_API uint32_t qnvutilRead_PPS(BitBuffer* bb, H264PpsRecord* pps);
 
-
 /* ---- Parameter set writers (ITU-T H.264 7.3.2.1.1, 7.3.2.2, E.1) -------------- */
 
 /* Largest unit the parameter set writers produce. */
@@ -410,6 +410,170 @@ QNV_API uint32_t qnvutilWrite_SliceHeader(const H264SliceHeader* slice, const H2
 QNV_API uint32_t qnvutilFix_SliceHeader(const uint8_t* unit, uint32_t unitSize, const H264SliceHeader* slice,
                                         const H264SpsRecord* sps, const H264PpsRecord* pps,
                                         const H264PpsRecord* oldPps, uint8_t* destination, uint32_t capacity);
+
+/* ---- Frame scan ---------------------------------------------------------------- */
+
+/* Bits of H264FrameContext.found (the values HevcFrameContext uses for the
+   same findings). */
+#define H264_FOUND_SPS 0x02u
+#define H264_FOUND_PPS 0x04u
+#define H264_FOUND_VCL 0x08u          /* a slice (nal_unit_type 1-5) */
+#define H264_FOUND_IDR 0x10u          /* an IDR slice (type 5) */
+#define H264_FOUND_PIC_TIMING 0x20u   /* pic_timing SEI, fields below */
+#define H264_FOUND_CAPTIONS 0x40u     /* T.35 SEI carrying CEA-708 captions ("GA94", type 3) */
+#define H264_FOUND_RECOVERY 0x80u     /* recovery_point SEI, fields below */
+#define H264_FOUND_AUD 0x100u         /* an access unit delimiter */
+#define H264_FOUND_TRUNCATED 0x200u   /* length-prefixed: a length ran past the end; the walk stopped */
+
+/* One frame and what qnvutilFindNalUnits found in it. The caller sets data,
+   size and lengthPrefixed; the scan sets every later field (zero when not
+   found). */
+typedef struct H264FrameContext {
+    const uint8_t* data;     /* the frame */
+    uint32_t size;           /* bytes at data */
+    uint32_t lengthPrefixed; /* 0: Annex B start codes; else 4-byte big-endian lengths */
+    uint32_t found;          /* H264_FOUND_* bits */
+    uint32_t firstVclOffset; /* offset of the first slice's NAL header */
+    /* pic_timing (ITU-T H.264 D.1.3) of the first SEI that carries one, read
+       against the SPS record as it stands then (the frame's SPS when one came
+       before): the two delays when it has NAL or VCL HRD parameters (with the
+       NAL ones' lengths when both), pic_struct when it has
+       pic_struct_present_flag; none without an SPS record. */
+    uint32_t cpbRemovalDelay;
+    uint32_t dpbOutputDelay;
+    uint32_t picStruct;
+    /* recovery_point (D.1.8) of the first SEI that carries one */
+    uint32_t recoveryFrameCnt;
+    uint32_t exactMatchFlag;
+    uint32_t brokenLinkFlag;
+    uint32_t changingSliceGroupIdc;
+    /* cc_count of the first caption SEI */
+    uint32_t captionCount;
+} H264FrameContext;
+
+QNV_STATIC_ASSERT(offsetof(H264FrameContext, size) == sizeof(const uint8_t*), "H264FrameContext layout");
+QNV_STATIC_ASSERT(offsetof(H264FrameContext, found) == sizeof(const uint8_t*) + 2 * 4, "H264FrameContext layout");
+QNV_STATIC_ASSERT(offsetof(H264FrameContext, cpbRemovalDelay) == sizeof(const uint8_t*) + 4 * 4,
+                  "H264FrameContext layout");
+QNV_STATIC_ASSERT(offsetof(H264FrameContext, recoveryFrameCnt) == sizeof(const uint8_t*) + 7 * 4,
+                  "H264FrameContext layout");
+QNV_STATIC_ASSERT(sizeof(H264FrameContext) == sizeof(const uint8_t*) + 12 * 4, "H264FrameContext layout");
+
+/* Walks the NAL units of one frame (ITU-T H.264 7.3.1 and Annex B, or
+   ISO/IEC 14496-15 samples with 4-byte lengths). Every SPS and PPS is parsed
+   with qnvutilRead_SPS / qnvutilRead_PPS into the matching record (those
+   given; a later set of a kind overwrites an earlier one; the records are
+   not cleared first) and, when an output buffer is given, copied there (NAL
+   header first, no start code or length). Each *...Size is in-out: the
+   buffer's capacity on entry, the copied unit's length on return (0 when
+   none was found; a unit longer than the capacity is not copied and leaves
+   its size at 0). The first 1024 bytes of each SEI unit are unescaped and
+   their pic_timing (type 1), T.35 caption (type 4) and recovery_point
+   (type 6) messages noted in the context; other messages are skipped.
+   Bad input: Annex B bytes before the first start code are skipped; a
+   length that runs past the frame ends the walk (H264_FOUND_TRUNCATED);
+   SEI messages that run past their unit end the inspection of that unit;
+   nothing outside data[0, size) is read. Result: the number of NAL units
+   walked (0 when frame is null). */
+QNV_API uint32_t qnvutilFindNalUnits(H264FrameContext* frame, H264SpsRecord* sps, H264PpsRecord* pps, uint8_t* spsOut,
+                                     uint32_t* spsOutSize, uint8_t* ppsOut, uint32_t* ppsOutSize);
+
+/* ---- AVC decoder configuration record ('avcC') ----------------------------------- */
+
+/* AVCDecoderConfigurationRecord of ISO/IEC 14496-15 (5.3.3.1), one word per
+   field; the parameter-set units themselves travel separately. */
+typedef struct AvcConfigRecord {
+    uint32_t configurationVersion;         /* 0: 1 */
+    uint32_t AVCProfileIndication;         /* 1: profile_idc of the SPS */
+    uint32_t profile_compatibility;        /* 2: the constraint_set flags byte of the SPS */
+    uint32_t AVCLevelIndication;           /* 3: level_idc */
+    uint32_t lengthSizeMinusOne;           /* 4 */
+    uint32_t numOfSequenceParameterSets;   /* 5 */
+    uint32_t numOfPictureParameterSets;    /* 6 */
+    uint32_t extensionPresent;             /* 7: 1 when the four fields below were read */
+    uint32_t chroma_format;                /* 8 */
+    uint32_t bit_depth_luma_minus8;        /* 9 */
+    uint32_t bit_depth_chroma_minus8;      /* 10 */
+    uint32_t numOfSequenceParameterSetExt; /* 11 */
+} AvcConfigRecord;
+
+QNV_STATIC_ASSERT(sizeof(AvcConfigRecord) == 12 * 4, "AvcConfigRecord layout");
+QNV_STATIC_ASSERT(offsetof(AvcConfigRecord, lengthSizeMinusOne) == 4 * 4, "AvcConfigRecord layout");
+QNV_STATIC_ASSERT(offsetof(AvcConfigRecord, chroma_format) == 8 * 4, "AvcConfigRecord layout");
+
+/* Reads an 'avcC' box (ISO/IEC 14496-15 5.3.3.1): `reader` covers the whole
+   box with bitPos at its size field (the 8 bytes of size and type are
+   skipped unread, as qnvutilRead_HEVC_CR does). Fills `config`; copies the
+   first SPS and the first PPS it carries into spsOut and ppsOut (in-out
+   sizes as in qnvutilFindNalUnits) and parses them into the records that
+   are given (each may be null; clear them first). The extension fields
+   (chroma_format to the SPS extensions) are read when at least 4 bytes
+   follow the PPS array, whatever the profile. Reserved bits are not
+   checked. Result: the byte position (from the start of the reader's
+   buffer) of the record's end; 0 when config is null or the buffer is
+   empty; 0xFFFFFFFF when configurationVersion is not 1, the box ends
+   inside the fixed fields, or a unit length runs past its end (config then
+   holds what was read before). The reader's bitPos is left at the record's
+   end (at the failure). */
+QNV_API uint32_t qnvutilReadAvcc(BitBuffer* reader, AvcConfigRecord* config, H264SpsRecord* sps, H264PpsRecord* pps,
+                                 uint8_t* spsOut, uint32_t* spsOutSize, uint8_t* ppsOut, uint32_t* ppsOutSize);
+
+/* Builds the AVCDecoderConfigurationRecord (ISO/IEC 14496-15 5.3.3.1; no box
+   header) of a frame's parameter sets at
+   record[0, capacity): every SPS, PPS and SPS extension unit of the frame
+   (qnvutilFindNalUnits' walk of frame->data, both framings), each kind in
+   frame order, with lengthSizeMinusOne 3; profile, compatibility and level
+   are the first SPS's bytes 1-3. For profile_idc 100, 110, 122 and 144 the
+   extension follows, its chroma format and bit depths parsed from the first
+   SPS (1 and 0, 0 where the SPS has no chroma block). The result is byte for
+   byte the 'avcC' payload that ffmpeg writes for such a stream, except that
+   ffmpeg writes the extension for every profile but 66, 77 and 88. Result:
+   the record's length; 0 (nothing written) when frame is null, the frame
+   has no SPS of at least 4 bytes or no PPS, has more than 31 SPS or 255 PPS
+   or SPS extensions, a unit is longer than 65535 bytes, or the record does
+   not fit in capacity. */
+QNV_API uint32_t qnvutilGetAvcc(const H264FrameContext* frame, uint8_t* record, uint32_t capacity);
+
+/* ---- NAL unit insertion ---------------------------------------------------------- */
+
+/* Results of qnvutilAddNalUnits (the values of the caption insertions). */
+#define QNV_ADD_UNITS_OK 0
+#define QNV_ADD_UNITS_BAD (-1)
+#define QNV_ADD_UNITS_NO_ROOM (-102)
+
+/* Inserts NAL units into one access unit held in `frame`, each where the
+   order of NAL units in an access unit puts it (ITU-T H.264 7.4.1.2.3,
+   H.265 7.4.2.4.4):
+    - access unit delimiter (H.264 type 9, HEVC 35): in front of the frame's
+      first unit (a frame that has one already gets a second one: check
+      first, e.g. with qnvutilFindNalUnits' H264_FOUND_AUD);
+    - parameter sets (H.264 SPS 7, PPS 8, SPS extension 13, subset SPS 15;
+      HEVC VPS 32, SPS 33, PPS 34): behind the delimiter and the parameter
+      sets that precede the first slice, so that a PPS follows the SPS it
+      refers to (in front of the first unit when there are none);
+    - SEI (H.264 6) and prefix SEI (HEVC 39): in front of the first slice;
+    - suffix SEI (HEVC 40) and filler data (H.264 12, HEVC 38): behind the
+      last slice;
+    - end of sequence and of stream (H.264 10, 11; HEVC 36, 37): at the end.
+   A frame without a slice takes SEI, suffix SEI and filler at its end.
+   Units of one kind keep their given order, and the frame's own units and
+   the bytes between them stay as they are.
+   `units` holds unitsSize bytes of NAL units framed like the frame: each
+   behind a start code (00 00 01 or 00 00 00 01) when lengthPrefixed is 0,
+   else behind a 4-byte big-endian length; they are copied with their
+   prefix (zero bytes between Annex B units are left out). hevc non-zero:
+   both are HEVC, else H.264. The frame grows in place: frameSize rises by
+   the bytes inserted and nothing at or beyond frameCapacity is written.
+   Result: QNV_ADD_UNITS_OK; QNV_ADD_UNITS_BAD when frame, its frameData or
+   units is null, `units` holds no unit, bytes outside its units (before
+   the first start code, a cut or overlong length), a unit shorter than its
+   header, or a unit of another type (slices are never inserted), or when a
+   length-prefixed frame's lengths run past frameSize; QNV_ADD_UNITS_NO_ROOM
+   when frameSize plus the units exceeds frameCapacity (or frameSize already
+   does). On every failure the frame is left unchanged and one line goes to
+   ErrOut. No memory is allocated. */
+QNV_API int32_t qnvutilAddNalUnits(DFrame* frame, const uint8_t* units, uint32_t unitsSize, int8_t hevc,
+                                   int8_t lengthPrefixed);
 
 QNV_END_C
 

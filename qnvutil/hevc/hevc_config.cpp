@@ -3,6 +3,8 @@
 #include <cstddef>
 #include <cstring>
 
+#include "foundation/nal/nal.h"
+#include "foundation/nal/sei.h"
 #include "foundation/nalscan/nalscan.h"
 #include "qnvutil/hevc/hevc_internal.h"
 
@@ -11,7 +13,8 @@ using namespace qnv::hevc;
 
 namespace {
 
-constexpr uint32_t kVpsType = 32, kSpsType = 33, kPpsType = 34, kPrefixSeiType = 39;
+constexpr uint32_t kVpsType = nal::hevc::kVps, kSpsType = nal::hevc::kSps, kPpsType = nal::hevc::kPps,
+                   kPrefixSeiType = nal::hevc::kPrefixSei;
 
 // Steps 2-3 of reading a record: the fixed header up to bitDepthChromaMinus8.
 // False at the first reserved group that is not all ones.
@@ -69,7 +72,7 @@ uint32_t qnvutilRead_HEVC_CR(BitBuffer* reader, HevcConfigRecord* config, HevcVp
         if (readConfigHeader(&bb, config)) break;
         if (attempt == 1) return finish(0xFFFFFFFFu);
         // The record may have been stored with emulation-prevention bytes.
-        const uint32_t removed = removeEmulationPrevention(scratch, reader->sizeBytes, 3);
+        const uint32_t removed = nal::unescape(scratch, scratch, reader->sizeBytes, {.from = 3});
         bb.sizeBits -= 8 * removed;
     }
     config->avgFrameRate = ReadBits(&bb, 16);
@@ -184,10 +187,6 @@ uint32_t qnvutilGetHvcc(void) { return 0xFFFFFFFFu; }
 
 namespace {
 
-// SEI inspection of qnvutilFindNalUnitsHevc: the first 1024 bytes of a prefix
-// SEI unit, unescaped.
-constexpr uint32_t kSeiInspectBytes = 1024;
-
 void inspectPicTiming(BitBuffer* bb, const HevcSpsRecord* sps, HevcFrameContext* frame) {
     frame->found |= HEVC_FOUND_PIC_TIMING;
     if (sps == nullptr) return;
@@ -204,61 +203,19 @@ void inspectPicTiming(BitBuffer* bb, const HevcSpsRecord* sps, HevcFrameContext*
     }
 }
 
-void inspectCaptions(BitBuffer* bb, HevcFrameContext* frame) {
-    if (ReadBits(bb, 8) != 0xB5 || ReadBits(bb, 16) != 0x0031 || ReadBits(bb, 32) != 0x47413934 ||
-        ReadBits(bb, 8) != 0x03)
-        return;
-    SkipBits(bb, 3);  // process_em_data_flag, process_cc_data_flag, additional_data_flag
-    frame->captionCount = ReadBits(bb, 5);
-    frame->found |= HEVC_FOUND_CAPTIONS;
-}
-
+// The first 1024 bytes of a prefix SEI unit.
 void inspectSei(const uint8_t* unit, uint32_t size, const HevcSpsRecord* sps, HevcFrameContext* frame) {
-    uint8_t copy[kSeiInspectBytes + 8] = {};
-    const uint32_t count = size < kSeiInspectBytes ? size : kSeiInspectBytes;
-    std::memcpy(copy, unit, count);
-    const uint32_t bytes = count - removeEmulationPrevention(copy, count, 2);
-    BitBuffer bb{copy, sizeof copy, bytes * 8, 16};
-    // Messages until the trailing bits (a last byte of 0x80) or the end.
-    while (bb.bitPos + 16 <= bb.sizeBits && !(bb.bitPos / 8 + 1 == bytes && copy[bytes - 1] == 0x80)) {
-        const uint32_t type = ReadCodedNumber(&bb);
-        const uint32_t payloadSize = ReadCodedNumber(&bb);
-        const uint64_t next = uint64_t(bb.bitPos) + 8ull * payloadSize;
-        if (next > bb.sizeBits) break;
-        BitBuffer payload{copy, sizeof copy, static_cast<uint32_t>(next), bb.bitPos};
+    nal::forEachSeiMessage(nal::Codec::kHevc, unit, size, [&](uint32_t type, BitBuffer& payload) {
         if (type == 1 && !(frame->found & HEVC_FOUND_PIC_TIMING)) inspectPicTiming(&payload, sps, frame);
-        if (type == 4 && !(frame->found & HEVC_FOUND_CAPTIONS)) inspectCaptions(&payload, frame);
+        if (type == 4 && !(frame->found & HEVC_FOUND_CAPTIONS) && nal::readAtscCaptionCount(&payload, &frame->captionCount))
+            frame->found |= HEVC_FOUND_CAPTIONS;
         if (type == 6 && !(frame->found & HEVC_FOUND_RECOVERY)) {
             frame->recoveryPocCnt = ReadExponentialGolombCodeSigned(&payload);
             frame->exactMatchFlag = ReadBits(&payload, 1);
             frame->brokenLinkFlag = ReadBits(&payload, 1);
             frame->found |= HEVC_FOUND_RECOVERY;
         }
-        bb.bitPos = static_cast<uint32_t>(next);
-    }
-}
-
-struct CopyTarget {
-    uint8_t* buffer;
-    uint32_t* size;
-    uint32_t capacity;
-};
-
-CopyTarget copyTarget(uint8_t* buffer, uint32_t* size) {
-    // guard: a buffer is written only when its capacity is given
-    CopyTarget t{buffer, size, size ? *size : 0};
-    if (size) *size = 0;
-    return t;
-}
-
-void copyUnit(const CopyTarget& t, const uint8_t* unit, uint32_t size) {
-    if (t.buffer == nullptr || t.size == nullptr) return;
-    if (size > t.capacity) {
-        *t.size = 0;
-        return;
-    }
-    std::memcpy(t.buffer, unit, size);
-    *t.size = size;
+    });
 }
 
 }  // namespace
@@ -272,8 +229,7 @@ extern "C" uint32_t qnvutilFindNalUnitsHevc(HevcFrameContext* frame, HevcVpsReco
     const uint32_t size = data ? atMost(frame->size, 0x1FFFFFFFu) : 0;
     std::memset(reinterpret_cast<uint8_t*>(frame) + offsetof(HevcFrameContext, found), 0,
                 sizeof(HevcFrameContext) - offsetof(HevcFrameContext, found));
-    const CopyTarget vpsCopy = copyTarget(vpsOut, vpsOutSize), spsCopy = copyTarget(spsOut, spsOutSize),
-                     ppsCopy = copyTarget(ppsOut, ppsOutSize);
+    nal::UnitCopy vpsCopy(vpsOut, vpsOutSize), spsCopy(spsOut, spsOutSize), ppsCopy(ppsOut, ppsOutSize);
     h264_stream_t* h = h264_new();
     if (h == nullptr) return 0;
 
@@ -293,28 +249,28 @@ extern "C" uint32_t qnvutilFindNalUnitsHevc(HevcFrameContext* frame, HevcVpsReco
         switch (type) {
             case kVpsType:
                 if (vps) qnvutilRead_HEVC_VPS(&reader, vps, &scratchConfig, length * 8);
-                copyUnit(vpsCopy, unit, length);
+                vpsCopy.take(unit, length);
                 frame->found |= HEVC_FOUND_VPS;
                 break;
             case kSpsType:
                 if (sps) qnvutilRead_HEVC_SPS(&reader, sps, &scratchConfig, length * 8);
-                copyUnit(spsCopy, unit, length);
+                spsCopy.take(unit, length);
                 frame->found |= HEVC_FOUND_SPS;
                 break;
             case kPpsType:
                 if (pps) qnvutilRead_HEVC_PPS(&reader, pps, &scratchConfig, length * 8);
-                copyUnit(ppsCopy, unit, length);
+                ppsCopy.take(unit, length);
                 frame->found |= HEVC_FOUND_PPS;
                 break;
             case kPrefixSeiType:
                 inspectSei(unit, length, sps, frame);
                 break;
             default:
-                if (type < 32 && !(frame->found & HEVC_FOUND_VCL)) {
+                if (nal::isVcl(nal::Codec::kHevc, type) && !(frame->found & HEVC_FOUND_VCL)) {
                     frame->found |= HEVC_FOUND_VCL;
                     frame->firstVclOffset = at;
                 }
-                if (type >= 16 && type <= 23) frame->found |= HEVC_FOUND_IRAP;
+                if (type >= nal::hevc::kBlaWLp && type <= nal::hevc::kIrapLast) frame->found |= HEVC_FOUND_IRAP;
                 break;
         }
         offset += end > 0 ? static_cast<uint32_t>(end) : 1u;

@@ -1,6 +1,6 @@
 // Internal entry points of the HEVC family: writers with an explicit
 // capacity and an optional field sink (qnvtool and the tests list records
-// through them), and the escape removal the readers share.
+// through them).
 #ifndef QNVUTIL_QNVUTIL_HEVC_HEVC_INTERNAL_H
 #define QNVUTIL_QNVUTIL_HEVC_HEVC_INTERNAL_H
 
@@ -17,11 +17,6 @@ namespace qnv::hevc {
 uint32_t writeVps(const HevcVpsRecord& record, uint8_t* dst, uint32_t capacity, FieldSink* sink = nullptr);
 uint32_t writeSps(const HevcSpsRecord& record, uint8_t* dst, uint32_t capacity, FieldSink* sink = nullptr);
 uint32_t writePps(const HevcPpsRecord& record, uint8_t* dst, uint32_t capacity, FieldSink* sink = nullptr);
-
-// Removes the 03 of every 00 00 03 that starts at or after byte `from` of
-// bytes[0, count), in place; resumes after each removed byte, so a removal
-// never joins zeros across it. Returns the number of bytes removed.
-uint32_t removeEmulationPrevention(uint8_t* bytes, uint32_t count, uint32_t from);
 
 // Parses one VPS, SPS or PPS unit (NAL header first, escapes included) with
 // the reading coder and hands every element to `sink`, with bit positions

@@ -3,28 +3,14 @@
 // writers, both around the syntax of hevc_syntax.h.
 #include <cstring>
 
+#include "foundation/nal/nal.h"
 #include "qnvutil/hevc/hevc_internal.h"
 
 namespace qnv::hevc {
 
-uint32_t removeEmulationPrevention(uint8_t* bytes, uint32_t count, uint32_t from) {
-    if (from >= count) return 0;
-    uint32_t out = from, zeros = 0;
-    for (uint32_t i = from; i < count; ++i) {
-        const uint8_t b = bytes[i];
-        if (zeros >= 2 && b == 3) {
-            zeros = 0;
-            continue;
-        }
-        bytes[out++] = b;
-        zeros = b == 0 ? zeros + 1 : 0;
-    }
-    return count - out;
-}
-
 namespace {
 
-constexpr uint32_t kVpsType = 32, kSpsType = 33, kPpsType = 34;
+constexpr uint32_t kVpsType = nal::hevc::kVps, kSpsType = nal::hevc::kSps, kPpsType = nal::hevc::kPps;
 
 struct UnitKind {
     const char* label;        // "VPS", "SPS", "PPS" in the end-of-unit messages
@@ -87,7 +73,8 @@ uint32_t readUnit(const UnitKind& kind, BitBuffer* reader, bool haveRecord, uint
     std::memcpy(scratch, reader->data + first, bytes);
 
     uint32_t removed = 0;
-    if (callerBits / 8 > kind.unescapeAbove) removed = removeEmulationPrevention(scratch, bytes, kind.unescapeFrom);
+    if (callerBits / 8 > kind.unescapeAbove)
+        removed = nal::unescape(scratch, scratch, bytes, {.from = kind.unescapeFrom});
     BitBuffer local{scratch, scratchSize, callerBits - 8 * removed, 0};
 
     ReadBits(&local, 1);  // forbidden_zero_bit
@@ -200,7 +187,7 @@ uint32_t listParameterSet(const uint8_t* unit, uint32_t size, FieldSink& sink) {
     if (copy == nullptr) return 0;
     std::memset(copy, 0, size + 8);
     std::memcpy(copy, unit, size);
-    const uint32_t bytes = size - removeEmulationPrevention(copy, size, 2);
+    const uint32_t bytes = size - nal::unescape(copy, copy, size, {.from = 2});
     BitBuffer bb{copy, size + 8, bytes * 8, 16};
     ReadCoder c(&bb, &sink);
     if (type == kVpsType) {

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "foundation/nal/nal.h"
 #include "foundation/nalscan/nalscan.h"
 #include "qnvutil/hevc/hevc_internal.h"
 #include "qnvutil/sei/hevc_sei.h"
@@ -13,7 +14,8 @@ namespace qnv::hevc {
 
 namespace {
 
-constexpr uint32_t kVpsType = 32, kSpsType = 33, kPpsType = 34, kPrefixSeiType = 39;
+constexpr uint32_t kVpsType = nal::hevc::kVps, kSpsType = nal::hevc::kSps, kPpsType = nal::hevc::kPps,
+                   kPrefixSeiType = nal::hevc::kPrefixSei;
 constexpr uint32_t kFieldPair = HEVC_FRAME_FIRST_FIELD | HEVC_FRAME_SECOND_FIELD;
 
 // pic_struct: top field paired with the next bottom field in output order, and
@@ -23,8 +25,6 @@ constexpr uint8_t kPicTimingPayload = 1;
 
 // Which field the walk is in; drives the SEI in front of the pictures.
 enum class Field { kWholeFrame, kFirst, kSecond };
-
-bool isSlice(uint32_t type) { return type <= 9 || (type >= 16 && type <= 21); }
 
 // Messages whose syntax follows the SPS's HRD parameters and its
 // frame_field_info_present_flag: buffering_period, pic_timing,
@@ -124,51 +124,25 @@ private:
 };
 
 // The RBSP bytes of an escaped NAL unit, one at a time, header included.
-class RbspBytes {
-public:
-    RbspBytes(const uint8_t* unit, uint32_t size) : unit_(unit), size_(size) {}
-    bool next(uint8_t& b) {
-        while (pos_ < size_) {
-            b = unit_[pos_++];
-            if (zeros_ >= 2 && b == 3) {  // emulation prevention
-                zeros_ = 0;
-                continue;
-            }
-            zeros_ = b == 0 ? zeros_ + 1 : 0;
-            ++taken_;
-            return true;
-        }
-        return false;
-    }
-    // A 0xFF-extended value (payloadType, payloadSize); false at the unit's end.
-    bool coded(uint64_t& value) {
-        value = 0;
-        uint8_t b = 0;
-        do {
-            if (!next(b)) return false;
-            value += b;
-        } while (b == 0xFF);
-        return true;
-    }
-    uint64_t taken() const { return taken_; }
+using RbspBytes = nal::RbspReader;
 
-private:
-    const uint8_t* unit_;
-    uint32_t size_, pos_ = 0, zeros_ = 0;
-    uint64_t taken_ = 0;
-};
+// A 0xFF-extended value (payloadType, payloadSize); false at the unit's end.
+bool readCoded(RbspBytes& r, uint64_t& value) {
+    value = 0;
+    uint8_t b = 0;
+    do {
+        if (!r.next(b)) return false;
+        value += b;
+    } while (b == 0xFF);
+    return true;
+}
 
 // Writes RBSP bytes with emulation prevention.
 class EscapedOutput {
 public:
     explicit EscapedOutput(Output& out) : out_(out) {}
     void put(uint8_t b) {
-        if (zeros_ >= 2 && b <= 3) {
-            out_.put(3);
-            zeros_ = 0;
-        }
-        out_.put(b);
-        zeros_ = b == 0 ? zeros_ + 1 : 0;
+        escaper_.put(b, [this](uint8_t x) { out_.put(x); });
     }
     void putCoded(uint64_t value) {
         for (; value >= 0xFF; value -= 0xFF) put(0xFF);
@@ -177,7 +151,7 @@ public:
 
 private:
     Output& out_;
-    uint32_t zeros_ = 0;
+    nal::Escaper escaper_;
 };
 
 // What a prefix SEI unit holds.
@@ -196,7 +170,7 @@ bool walkMessages(const uint8_t* unit, uint32_t size, uint64_t rbspBytes, Visit 
     // Messages follow each other until only rbsp_trailing_bits (one byte) remain.
     while (rbspBytes - r.taken() > 1) {
         uint64_t type = 0, payloadSize = 0;
-        if (!r.coded(type) || !r.coded(payloadSize)) return false;
+        if (!readCoded(r, type) || !readCoded(r, payloadSize)) return false;
         if (payloadSize > rbspBytes - r.taken()) return false;
         visit(type, payloadSize, r);
     }
@@ -280,7 +254,7 @@ uint32_t FrameRewrite::run() {
         }
         read_nal_unit(scanner_, unit, unitSize);
         const uint32_t type = static_cast<uint32_t>(scanner_->nal.nal_unit_type);
-        if (isSlice(type)) {
+        if (nal::isCodedSlice(nal::Codec::kHevc, type)) {
             beforeSlice();
             copy(unit, unitSize, startCode);
         } else if (type >= kVpsType && type <= kPpsType) {

@@ -51,4 +51,9 @@ expect_error "$tool" timecode "$sample" "$work/out.265" --start 25:61:00:00 --ra
 expect_error "$tool" mediacmd read "$work/noise"
 expect_error "$tool" mediacmd xml --cmd bogus
 expect_error "$tool" interlace "$work/text" "$work/out.265"
+expect_error "$tool" avcc "$work/noise"
+expect_error "$tool" avcc "$sample"
+expect_error "$tool" avcc --read "$work/noise"
+expect_error "$tool" avcc --read "$work/missing"
+expect_error "$tool" avcc
 exit $fail

@@ -25,20 +25,25 @@ std::vector<AccessUnit> unitsFromStarts(const std::vector<uint32_t>& starts, siz
 
 // Whether a NAL unit opens a new access unit once the current one holds a
 // picture: headers that must precede a picture, or the first slice of one.
+namespace nal = qnv::nal;
+
 bool opensH264Unit(const uint8_t* h, uint32_t size) {
-    uint32_t type = h[0] & 31u;
-    if (type == 1 || type == 5) return size > 1 && (h[1] & 0x80) != 0;  // first_mb_in_slice == 0
-    return type == 6 || type == 7 || type == 8 || type == 9 || (type >= 14 && type <= 18);
+    uint32_t type = nal::unitType(nal::Codec::kH264, h[0]);
+    if (type == nal::h264::kNonIdrSlice || type == nal::h264::kIdrSlice)
+        return size > 1 && (h[1] & 0x80) != 0;  // first_mb_in_slice == 0
+    return (type >= nal::h264::kSei && type <= nal::h264::kAud) || (type >= nal::h264::kPrefixNal && type <= 18);
 }
 
 bool opensHevcUnit(const uint8_t* h, uint32_t size) {
-    uint32_t type = (h[0] >> 1) & 63u;
-    if (type <= 31) return size > 2 && (h[2] & 0x80) != 0;  // first_slice_segment_in_pic_flag
-    return (type >= 32 && type <= 35) || type == 39 || (type >= 41 && type <= 44) || (type >= 48 && type <= 55);
+    uint32_t type = nal::unitType(nal::Codec::kHevc, h[0]);
+    if (nal::isVcl(nal::Codec::kHevc, type)) return size > 2 && (h[2] & 0x80) != 0;  // first_slice_segment_in_pic_flag
+    return (type >= nal::hevc::kVps && type <= nal::hevc::kAud) || type == nal::hevc::kPrefixSei ||
+           (type >= 41 && type <= 44) || (type >= 48 && type <= 55);
 }
 
 bool isPicture(VideoCodec codec, const uint8_t* h) {
-    return codec == VideoCodec::kHevc ? ((h[0] >> 1) & 63u) <= 31 : ((h[0] & 31u) >= 1 && (h[0] & 31u) <= 5);
+    const nal::Codec c = codec == VideoCodec::kHevc ? nal::Codec::kHevc : nal::Codec::kH264;
+    return nal::isVcl(c, nal::unitType(c, h[0]));
 }
 
 std::vector<AccessUnit> splitNalStream(const std::vector<uint8_t>& data, VideoCodec codec) {

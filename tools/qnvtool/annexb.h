@@ -1,11 +1,13 @@
-// Annex B elementary streams for qnvtool: unit listing, codec detection and
-// NAL unit type names.
+// Annex B elementary streams for qnvtool: unit listing and codec detection
+// (types and names come from the library's NAL unit layer, foundation/nal).
 #ifndef QNVTOOL_ANNEXB_H
 #define QNVTOOL_ANNEXB_H
 
 #include <cstdint>
 #include <string>
 #include <vector>
+
+#include "foundation/nal/nal.h"
 
 namespace qnvtool {
 
@@ -20,15 +22,17 @@ struct NalUnit {
 
 // True when the data begins with a start code (after optional zero bytes).
 bool startsWithStartCode(const std::vector<uint8_t>& data);
-// Every unit of an Annex B stream, walked with the library's scanner.
+// Every unit of an Annex B stream (empty ones included).
 std::vector<NalUnit> listUnits(const std::vector<uint8_t>& data);
 // H.264 or HEVC, judged from the headers of the first units.
 Codec detectCodec(const std::vector<uint8_t>& data, const std::vector<NalUnit>& units);
 Codec parseCodec(const std::string& name);  // "h264" / "hevc"; kUnknown otherwise
 const char* codecName(Codec codec);
 
-uint32_t unitType(Codec codec, const uint8_t* header);
-const char* unitTypeName(Codec codec, uint32_t type);
+// The layer's codec for kH264 and kHevc.
+inline qnv::nal::Codec nalCodec(Codec codec) {
+    return codec == Codec::kHevc ? qnv::nal::Codec::kHevc : qnv::nal::Codec::kH264;
+}
 
 }  // namespace qnvtool
 

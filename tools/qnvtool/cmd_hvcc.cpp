@@ -79,7 +79,7 @@ void buildBox(const HvccOptions& o) {
     std::vector<uint8_t> nal[3];
     for (const NalUnit& u : listUnits(data)) {
         if (u.size < 2) continue;
-        const uint32_t type = (data[u.payload] >> 1) & 63u;
+        const uint32_t type = qnv::nal::unitType(qnv::nal::Codec::kHevc, data[u.payload]);
         if (type < 32 || type > 34 || !nal[type - 32].empty()) continue;
         std::vector<uint8_t>& unit = nal[type - 32];
         unit.assign(data.begin() + u.payload, data.begin() + u.payload + u.size);
@@ -97,17 +97,15 @@ void buildBox(const HvccOptions& o) {
     for (const auto& n : nal)
         if (n.size() > 0xFFFF) throw Error(o.file + ": parameter set too large for the record");
 
-    std::vector<uint8_t> box(8 + 23 + 3 * 5 + nal[0].size() + nal[1].size() + nal[2].size());
-    BitBuffer out{box.data(), static_cast<uint32_t>(box.size()), 0, 64};
-    const uint32_t end = qnvutilWrite_HEVC_CR(&out, &config, nal[0].data(), nal[1].data(), nal[2].data(),
-                                              static_cast<int32_t>(nal[0].size()), static_cast<int32_t>(nal[1].size()),
-                                              static_cast<int32_t>(nal[2].size()));
-    box.resize(end);
-    const uint8_t header[8] = {uint8_t(end >> 24), uint8_t(end >> 16), uint8_t(end >> 8), uint8_t(end), 'h', 'v', 'c', 'C'};
-    std::copy(header, header + 8, box.begin());
+    std::vector<uint8_t> record(23 + 3 * 5 + nal[0].size() + nal[1].size() + nal[2].size());
+    BitBuffer out{record.data(), static_cast<uint32_t>(record.size()), 0, 0};
+    record.resize(qnvutilWrite_HEVC_CR(&out, &config, nal[0].data(), nal[1].data(), nal[2].data(),
+                                       static_cast<int32_t>(nal[0].size()), static_cast<int32_t>(nal[1].size()),
+                                       static_cast<int32_t>(nal[2].size())));
+    const std::vector<uint8_t> box = makeBox("hvcC", record);
     if (!o.out.empty()) writeFile(o.out, box);
 
-    for (size_t i = 0; i < box.size(); ++i) std::printf("%02x%s", box[i], i % 16 == 15 || i + 1 == box.size() ? "\n" : " ");
+    printHex(box);
     printConfig(config);
     printSets(*sets);
 }

@@ -26,9 +26,9 @@ void runNals(const NalsOptions& o) {
             std::printf("%10u %3u %10u %5s  %s\n", u.offset, u.startCode, 0u, "-", "(empty)");
             continue;
         }
-        uint8_t header[2] = {data[u.payload], u.size > 1 ? data[u.payload + 1] : uint8_t(0)};
-        uint32_t type = unitType(codec, header);
-        std::printf("%10u %3u %10u %5u  %s\n", u.offset, u.startCode, u.size, type, unitTypeName(codec, type));
+        uint32_t type = qnv::nal::unitType(nalCodec(codec), data[u.payload]);
+        std::printf("%10u %3u %10u %5u  %s\n", u.offset, u.startCode, u.size, type,
+                    qnv::nal::typeName(nalCodec(codec), type));
     }
     std::printf("%zu NAL units, %s\n", units.size(), codecName(codec));
 }

@@ -34,6 +34,23 @@ void writeFile(const std::string& path, const std::vector<uint8_t>& bytes) {
     if (!out.flush()) throw Error(path + ": write error");
 }
 
+std::vector<uint8_t> makeBox(const char (&type)[5], const std::vector<uint8_t>& payload) {
+    const size_t size = payload.size() + 8;
+    if (size > 0xFFFFFFFFu) throw Error("box too large");
+    std::vector<uint8_t> box(size);
+    for (int i = 0; i < 4; ++i) {
+        box[i] = static_cast<uint8_t>(size >> (24 - 8 * i));
+        box[4 + i] = static_cast<uint8_t>(type[i]);
+    }
+    std::copy(payload.begin(), payload.end(), box.begin() + 8);
+    return box;
+}
+
+void printHex(const std::vector<uint8_t>& bytes) {
+    for (size_t i = 0; i < bytes.size(); ++i)
+        std::printf("%02x%s", bytes[i], i % 16 == 15 || i + 1 == bytes.size() ? "\n" : " ");
+}
+
 }  // namespace qnvtool
 
 int main(int argc, char** argv) {

@@ -29,6 +29,11 @@ std::vector<uint8_t> readFile(const std::string& path);
 // Writes (replacing) a file; throws Error on failure.
 void writeFile(const std::string& path, const std::vector<uint8_t>& bytes);
 
+// An ISO base media box: 32-bit size, the four-character type, the payload.
+std::vector<uint8_t> makeBox(const char (&type)[5], const std::vector<uint8_t>& payload);
+// Bytes as hex, 16 to a line.
+void printHex(const std::vector<uint8_t>& bytes);
+
 }  // namespace qnvtool
 
 #endif

@@ -1,0 +1,75 @@
+// qnvutilFindNalUnits over arbitrary frames in both framings: the frame and
+// the two copy buffers lie between poisoned guard bytes that must stay
+// untouched, copies stay within their capacities, offsets within the frame.
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <vector>
+
+#include "qnvutil/h264.h"
+#include "qnvutil/qxutil.h"
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#include <sanitizer/asan_interface.h>
+#define GUARD_POISON(p, n) ASAN_POISON_MEMORY_REGION(p, n)
+#define GUARD_UNPOISON(p, n) ASAN_UNPOISON_MEMORY_REGION(p, n)
+#endif
+#endif
+#ifndef GUARD_POISON
+#define GUARD_POISON(p, n) ((void)(p), (void)(n))
+#define GUARD_UNPOISON(p, n) ((void)(p), (void)(n))
+#endif
+
+namespace {
+
+constexpr size_t kGuard = 32;
+constexpr uint8_t kGuardByte = 0xA5;
+
+// `n` usable bytes between two guards.
+struct Guarded {
+    explicit Guarded(size_t n) : bytes(kGuard + n + kGuard, kGuardByte), size(n) {
+        GUARD_POISON(bytes.data(), kGuard);
+        GUARD_POISON(bytes.data() + kGuard + n, kGuard);
+    }
+    uint8_t* data() { return bytes.data() + kGuard; }
+    void check() {
+        GUARD_UNPOISON(bytes.data(), kGuard);
+        GUARD_UNPOISON(bytes.data() + kGuard + size, kGuard);
+        for (size_t i = 0; i < kGuard; ++i)
+            if (bytes[i] != kGuardByte || bytes[kGuard + size + i] != kGuardByte) std::abort();
+    }
+    std::vector<uint8_t> bytes;
+    size_t size;
+};
+
+struct Records {
+    H264SpsRecord sps{};
+    H264PpsRecord pps{};
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    static bool quiet = (QxSetLogSink([](uint32_t, const char*, void*) {}, nullptr), true);
+    (void)quiet;
+    if (size < 2 || size > (1 << 16)) return 0;
+    const uint8_t mode = data[0];
+    Guarded frame(size - 1), spsOut(mode % 64), ppsOut(mode / 4 % 64);
+    std::copy(data + 1, data + size, frame.data());
+    auto r = std::make_unique<Records>();
+    H264FrameContext ctx{};
+    ctx.data = frame.data();
+    ctx.size = static_cast<uint32_t>(size - 1);
+    ctx.lengthPrefixed = mode & 1;
+    uint32_t spsSize = static_cast<uint32_t>(spsOut.size), ppsSize = static_cast<uint32_t>(ppsOut.size);
+    const uint32_t walked = qnvutilFindNalUnits(&ctx, (mode & 2) ? &r->sps : nullptr, &r->pps, spsOut.data(),
+                                                &spsSize, ppsOut.data(), &ppsSize);
+    frame.check();
+    spsOut.check();
+    ppsOut.check();
+    if (spsSize > spsOut.size || ppsSize > ppsOut.size || walked > size) std::abort();
+    if ((ctx.found & H264_FOUND_VCL) && ctx.firstVclOffset >= size - 1) std::abort();
+    return 0;
+}
