@@ -9,6 +9,7 @@
 
 #include <cstring>
 
+#include "foundation/nal/nal.h"
 #include "qnvutil/h264/h264_syntax.h"
 
 namespace qnv {
@@ -68,48 +69,19 @@ bool sliceContext(const H264SpsRecord& sps, const H264PpsRecord& pps, SliceConte
 
 namespace {
 
-// The unescaped bytes of an escaped unit, one at a time: the 03 of every
-// 00 00 03 is dropped.
-class RbspBytes {
-public:
-    RbspBytes(const uint8_t* data, uint32_t size) : data_(data), size_(size) {}
-    bool next(uint8_t& b) {
-        while (at_ < size_) {
-            const uint8_t v = data_[at_++];
-            if (zeros_ >= 2 && v == 3) {
-                zeros_ = 0;
-                continue;
-            }
-            zeros_ = v == 0 ? zeros_ + 1 : 0;
-            b = v;
-            return true;
-        }
-        return false;
-    }
+using RbspBytes = nal::RbspReader;
 
-private:
-    const uint8_t* data_;
-    uint32_t size_;
-    uint32_t at_ = 0;
-    uint32_t zeros_ = 0;
-};
-
-// Escapes RBSP bytes into a unit, stopping at the capacity.
+// Escapes RBSP bytes into a unit (the standard form), stopping at the capacity.
 class EscapedUnit {
 public:
     EscapedUnit(uint8_t* dst, uint32_t capacity) : dst_(dst), capacity_(capacity) {}
     void put(uint8_t b) {
-        if (zeros_ >= 2 && b <= 3) {
-            raw(3);
-            zeros_ = 0;
-        }
-        raw(b);
-        zeros_ = b == 0 ? zeros_ + 1 : 0;
+        escaper_.put(b, [this](uint8_t e) { raw(e); });
     }
     // A unit may not end in 00: such a unit (trailing cabac_zero_words) gets
     // a closing 03.
     void finish() {
-        if (length_ > 0 && last_ == 0) raw(3);
+        escaper_.finish([this](uint8_t e) { raw(e); });
     }
     bool overflow() const { return length_ > capacity_; }
     uint32_t length() const { return length_; }
@@ -118,14 +90,12 @@ private:
     void raw(uint8_t b) {
         // guard: nothing is written past the destination's capacity
         if (length_ < capacity_) dst_[length_] = b;
-        last_ = b;
         ++length_;
     }
+    nal::Escaper escaper_;
     uint8_t* dst_;
     uint32_t capacity_;
     uint32_t length_ = 0;
-    uint32_t zeros_ = 0;
-    uint8_t last_ = 0;
 };
 
 // Bits MSB first into an escaped unit.

@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "foundation/nal/nal.h"
+
 namespace qnv::hevc {
 
 using syntax::Bounds;
@@ -307,15 +309,9 @@ SliceRead readSliceSegmentHeader(const uint8_t* unit, uint32_t size, const HevcS
     const bool maybeDependent = (unit[2] & 0x80) == 0 && pps.dependent_slice_segments_enabled_flag;
     if (!maybeDependent) std::memset(&slice, 0, sizeof slice);
     uint8_t rbsp[kHeaderWindow + 8];
-    uint32_t n = 0, zeros = 0;
-    for (uint32_t i = 0; i < size && n < kHeaderWindow; ++i) {
-        if (zeros >= 2 && unit[i] == 3) {
-            zeros = 0;
-            continue;
-        }
-        zeros = unit[i] == 0 ? zeros + 1 : 0;
-        rbsp[n++] = unit[i];
-    }
+    nal::RbspReader source(unit, size);
+    uint32_t n = 0;
+    for (uint8_t b; n < kHeaderWindow && source.next(b);) rbsp[n++] = b;
     std::memset(rbsp + n, 0, 8);  // what reads past sizeBits may touch
     BitBuffer bb{rbsp, n + 8, n * 8, 0};
     ReadCoder c(&bb, sink);

@@ -9,6 +9,7 @@
 #include <set>
 #include <string>
 
+#include "foundation/nal/nal.h"
 #include "qnvutil/h264/h264_syntax.h"
 #include "qnvutil/h264/paramsets.h"
 #include "qnvutil/h264/slices.h"
@@ -130,20 +131,20 @@ void probeH264(const std::vector<uint8_t>& data, const ProbeOptions& options, st
     for (const NalUnit& u : listUnits(data)) {
         if (u.size == 0) continue;
         const uint32_t type = data[u.payload] & 31u;
-        if (options.slices && (type == 1 || type == 5)) {
+        if (options.slices && (type == qnv::nal::h264::kNonIdrSlice || type == qnv::nal::h264::kIdrSlice)) {
             slices.push_back(sliceEntry(data, u, spss, ppss));
             continue;
         }
-        if (type != 7 && type != 8) continue;
+        if (type != qnv::nal::h264::kSps && type != qnv::nal::h264::kPps) continue;
         std::vector<uint8_t> bytes(data.begin() + u.payload, data.begin() + u.payload + u.size);
         BitBuffer bb{bytes.data(), u.size, u.size * 8, 0};
         const bool fresh = seen.insert(bytes).second;
         JsonFields trace(JsonFields::Codes::kSigned);
         Json unit;
-        unit["type"] = type == 7 ? "SPS" : "PPS";
+        unit["type"] = type == qnv::nal::h264::kSps ? "SPS" : "PPS";
         unit["offset"] = u.offset;
         unit["size"] = u.size;
-        if (type == 7) {
+        if (type == qnv::nal::h264::kSps) {
             H264SpsRecord sps{};
             qnv::readH264Sps(&bb, &sps, &trace);
             spss[sps.seq_parameter_set_id] = sps;
@@ -157,7 +158,7 @@ void probeH264(const std::vector<uint8_t>& data, const ProbeOptions& options, st
             unit["syntax"] = std::move(trace.fields);
         }
         if (fresh && !complete) sets.push_back(std::move(unit));
-        if (options.first && haveSps && type == 8) {
+        if (options.first && haveSps && type == qnv::nal::h264::kPps) {
             complete = true;  // the first complete set
             if (!options.slices) break;
         }

@@ -9,6 +9,7 @@
 #include <memory>
 #include <set>
 
+#include "foundation/nal/nal.h"
 #include "qnvutil/hevc/hevc_internal.h"
 #include "qnvutil/hevc/hevc_slice.h"
 #include "tools/qnvtool/annexb.h"
@@ -102,11 +103,11 @@ void probeHevc(const std::vector<uint8_t>& data, const ProbeOptions& options, st
         if (u.size < 2) continue;
         const uint8_t* unit = data.data() + u.payload;
         const uint32_t type = (unit[0] >> 1) & 63u;
-        if (options.slices && type <= 21) {
+        if (options.slices && qnv::nal::isCodedSlice(qnv::nal::Codec::kHevc, type)) {
             list.push_back(sliceEntry(unit, u, spss, ppss, *slice));
             continue;
         }
-        if (type < 32 || type > 34) continue;
+        if (type < qnv::nal::hevc::kVps || type > qnv::nal::hevc::kPps) continue;
         std::vector<uint8_t> bytes(unit, unit + u.size);
         while (bytes.size() > 2 && bytes.back() == 0) bytes.pop_back();  // trailing zero bytes
         const bool fresh = seen.insert(bytes).second;
