@@ -117,7 +117,7 @@ void BM_H264SliceFix(benchmark::State& state) {
     h.pic_order_cnt_lsb += 1;
     for (auto _ : state)
         benchmark::DoNotOptimize(qnvutilFix_SliceHeader(unit.data(), uint32_t(unit.size()), &h, &units().spsRecord,
-                                                        &units().ppsRecord, nullptr, out.data(), uint32_t(out.size())));
+                                                        &units().ppsRecord, nullptr, nullptr, out.data(), uint32_t(out.size())));
     state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(unit.size()));
 }
 BENCHMARK(BM_H264SliceFix);

@@ -72,7 +72,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const uint32_t capacity = static_cast<uint32_t>(slice.size()) + (slice[0] & 7);
     std::vector<uint8_t> dst(capacity + 16, 0xA5);
     const uint32_t n = qnvutilFix_SliceHeader(slice.data(), static_cast<uint32_t>(slice.size()), &header, &sps, &pps,
-                                              nullptr, dst.data(), capacity);
+                                              nullptr, nullptr, dst.data(), capacity);
     for (size_t i = capacity; i < dst.size(); ++i)
         if (dst[i] != 0xA5) __builtin_trap();
     if (n <= capacity) {

@@ -401,15 +401,17 @@ QNV_API uint32_t qnvutilWrite_SliceHeader(const H264SliceHeader* slice, const H2
    the data's bytes follow unchanged. Emulation prevention is redone over the
    whole unit. The usual use reads a header, changes pic_parameter_set_id,
    frame_num, idr_pic_id, pic_order_cnt_lsb or the field flags, and fixes the
-   unit; `sps` and `pps` are the records the new header is written with, and
-   the old header is read with them too unless `oldPps` is given.
+   unit; `sps` and `pps` are the records the new header is written with; the
+   old header is read with `oldSps` and `oldPps`, or where those are null
+   with `sps` and `pps` (their ids are not compared with the header's).
    Returns the new unit's length; 0xFFFFFFFF when an argument is null or the
    unit's header cannot be read or the new one written; 0xFFFFFF9A (-102)
    when the result would not fit in `capacity` bytes. `destination` must not
    overlap `unit`. */
 QNV_API uint32_t qnvutilFix_SliceHeader(const uint8_t* unit, uint32_t unitSize, const H264SliceHeader* slice,
                                         const H264SpsRecord* sps, const H264PpsRecord* pps,
-                                        const H264PpsRecord* oldPps, uint8_t* destination, uint32_t capacity);
+                                        const H264SpsRecord* oldSps, const H264PpsRecord* oldPps,
+                                        uint8_t* destination, uint32_t capacity);
 
 /* ---- Frame scan ---------------------------------------------------------------- */
 

@@ -208,13 +208,16 @@ uint32_t writeSliceHeader(const H264SliceHeader* slice, const H264SpsRecord* sps
 }
 
 uint32_t fixSliceHeader(const uint8_t* unit, uint32_t unitSize, const H264SliceHeader* slice, const H264SpsRecord* sps,
-                        const H264PpsRecord* pps, const H264PpsRecord* oldPps, uint8_t* dst, uint32_t capacity) {
+                        const H264PpsRecord* pps, const H264SpsRecord* oldSps, const H264PpsRecord* oldPps,
+                        uint8_t* dst, uint32_t capacity) {
     if (unit == nullptr || slice == nullptr || sps == nullptr || pps == nullptr || dst == nullptr) return kSliceFailed;
     // guard: the rewrite streams from the source into the destination
     if (dst < unit + unitSize && unit < dst + capacity) return kSliceFailed;
 
     H264SliceHeader old;
-    const uint32_t oldBits = readHeader(unit, unitSize, *sps, oldPps ? *oldPps : *pps, old, false, nullptr);
+    const H264SpsRecord& readSps = oldSps ? *oldSps : *sps;
+    const H264PpsRecord& readPps = oldPps ? *oldPps : *pps;
+    const uint32_t oldBits = readHeader(unit, unitSize, readSps, readPps, old, false, nullptr);
     if (oldBits == kSliceFailed) return kSliceFailed;
 
     uint8_t header[kHeaderWindow] = {};
@@ -229,6 +232,8 @@ uint32_t fixSliceHeader(const uint8_t* unit, uint32_t unitSize, const H264SliceH
 
     RbspBytes source(unit, unitSize);
     uint8_t b = 0;
+    // guard: the entropy coder of the data is the old PPS's
+    if ((readPps.entropy_coding_mode_flag != 0) != (pps->entropy_coding_mode_flag != 0)) return kSliceFailed;
     if (pps->entropy_coding_mode_flag != 0) {
         // cabac_alignment_one_bit up to a byte, then the data's bytes as they are
         while (bits.pending() != 0) bits.put(1, 1);
@@ -271,8 +276,9 @@ QNV_API uint32_t qnvutilWrite_SliceHeader(const H264SliceHeader* slice, const H2
 
 QNV_API uint32_t qnvutilFix_SliceHeader(const uint8_t* unit, uint32_t unitSize, const H264SliceHeader* slice,
                                         const H264SpsRecord* sps, const H264PpsRecord* pps,
-                                        const H264PpsRecord* oldPps, uint8_t* destination, uint32_t capacity) {
-    return qnv::fixSliceHeader(unit, unitSize, slice, sps, pps, oldPps, destination, capacity);
+                                        const H264SpsRecord* oldSps, const H264PpsRecord* oldPps,
+                                        uint8_t* destination, uint32_t capacity) {
+    return qnv::fixSliceHeader(unit, unitSize, slice, sps, pps, oldSps, oldPps, destination, capacity);
 }
 
 QNV_END_C

@@ -18,7 +18,8 @@ uint32_t readSliceHeader(BitBuffer* bb, const H264SpsRecord* sps, const H264PpsR
 uint32_t writeSliceHeader(const H264SliceHeader* slice, const H264SpsRecord* sps, const H264PpsRecord* pps,
                           BitBuffer* out, syntax::FieldSink* sink);
 uint32_t fixSliceHeader(const uint8_t* unit, uint32_t unitSize, const H264SliceHeader* slice, const H264SpsRecord* sps,
-                        const H264PpsRecord* pps, const H264PpsRecord* oldPps, uint8_t* dst, uint32_t capacity);
+                        const H264PpsRecord* pps, const H264SpsRecord* oldSps, const H264PpsRecord* oldPps,
+                        uint8_t* dst, uint32_t capacity);
 
 }  // namespace qnv
 

@@ -262,7 +262,7 @@ TEST(H264SliceHeader, FixKeepsSliceDataBitExact) {
             ASSERT_NE(oldBits, qnv::kSliceFailed);
             Bytes out(u.bytes.size() + 64);
             // The same header gives the same unit.
-            uint32_t n = qnvutilFix_SliceHeader(u.bytes.data(), u.bytes.size(), &h, &sps, &pps, nullptr, out.data(),
+            uint32_t n = qnvutilFix_SliceHeader(u.bytes.data(), u.bytes.size(), &h, &sps, &pps, nullptr, nullptr, out.data(),
                                                 out.size());
             ASSERT_EQ(n, u.bytes.size());
             EXPECT_TRUE(std::equal(u.bytes.begin(), u.bytes.end(), out.begin()));
@@ -274,7 +274,7 @@ TEST(H264SliceHeader, FixKeepsSliceDataBitExact) {
                 changed.pic_order_cnt_lsb = (h.pic_order_cnt_lsb + 5) % (1 << (sps.log2_max_pic_order_cnt_lsb_minus4 + 4));
             changed.slice_qp_delta = h.slice_qp_delta + 7;
             if (h.nal_unit_type == 5) changed.idr_pic_id = 1000;
-            n = qnvutilFix_SliceHeader(u.bytes.data(), u.bytes.size(), &changed, &sps, &pps, nullptr, out.data(),
+            n = qnvutilFix_SliceHeader(u.bytes.data(), u.bytes.size(), &changed, &sps, &pps, nullptr, nullptr, out.data(),
                                        out.size());
             ASSERT_LT(n, out.size());
             Bytes fixed(out.begin(), out.begin() + n);
@@ -290,7 +290,7 @@ TEST(H264SliceHeader, FixKeepsSliceDataBitExact) {
 
             // Without room: -102 and nothing past the capacity.
             Bytes small(n - 1 + 8, 0xEE);
-            EXPECT_EQ(qnvutilFix_SliceHeader(u.bytes.data(), u.bytes.size(), &changed, &sps, &pps, nullptr,
+            EXPECT_EQ(qnvutilFix_SliceHeader(u.bytes.data(), u.bytes.size(), &changed, &sps, &pps, nullptr, nullptr,
                                              small.data(), n - 1),
                       qnv::kSliceNoRoom);
             EXPECT_EQ(small[n - 1], 0xEE);
@@ -322,7 +322,7 @@ Bytes renumbered(const std::string& path) {
                     qnv::kSliceFailed)
                     return {};
                 h.pic_parameter_set_id = 5;
-                n = qnvutilFix_SliceHeader(u.bytes.data(), u.bytes.size(), &h, &sps, &pps, &oldPps, unit.data(),
+                n = qnvutilFix_SliceHeader(u.bytes.data(), u.bytes.size(), &h, &sps, &pps, nullptr, &oldPps, unit.data(),
                                            unit.size());
                 break;
             default: unit = u.bytes; n = u.bytes.size();
