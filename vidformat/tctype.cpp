@@ -68,6 +68,46 @@ namespace {
 // Rate codes outside 14..256 have no type of their own.
 bool outsideRateCodes(uint32_t code) { return code < 14 || code > VID_RATE_UNKNOWN; }
 
+
+// Steps "HH:MM:SS?FF" text (hours of any length) on to the next label:
+// frames up to 59, then seconds, minutes and hours. False for text of
+// another form.
+bool nextLabel(char* text) {
+    const size_t n = std::strlen(text);
+    if (n < 11 || n + 1 >= TCT_TEXT_SIZE) return false;
+    char* f = text + n - 2;  // frames, then seconds, minutes
+    int fields[3];
+    for (int i = 0; i < 3; ++i) {
+        char* d = f - 3 * i;
+        if (d[0] < '0' || d[0] > '9' || d[1] < '0' || d[1] > '9') return false;
+        fields[i] = (d[0] - '0') * 10 + (d[1] - '0');
+    }
+    static const int kLimit[3] = {60, 60, 60};
+    int carry = 1;
+    for (int i = 0; i < 3 && carry; ++i) {
+        fields[i] += carry;
+        carry = fields[i] >= kLimit[i];
+        if (carry) fields[i] = 0;
+    }
+    for (int i = 0; i < 3; ++i) {
+        char* d = f - 3 * i;
+        d[0] = static_cast<char>('0' + fields[i] / 10);
+        d[1] = static_cast<char>('0' + fields[i] % 10);
+    }
+    if (carry) {  // the hours, a decimal number of any length
+        char* h = text + n - 9;
+        int i = static_cast<int>(h - text) - 1;
+        while (i >= 0 && text[i] == '9') text[i--] = '0';
+        if (i >= 0) {
+            ++text[i];
+        } else {
+            std::memmove(text + 1, text, n + 1);
+            text[0] = '1';
+        }
+    }
+    return true;
+}
+
 }  // namespace
 
 uint32_t vidGetTCTypeSignalFormat(uint32_t signalFormat) {
@@ -104,7 +144,12 @@ void vidConvertTC(uint32_t* count, uint32_t targetType, uint32_t rate, uint32_t 
     if (source == targetType) return;
     char text[TCT_TEXT_SIZE] = {};
     TimecodeTextFormat(*count, source | 0x32100, text);
-    TimecodeTextParse(text, targetType, count);
+    // A label the target does not have (a dropped ;00 or ;01, a frame
+    // number past the target's rate) moves on to the next label that it
+    // has, so that the count never stays in the source's numbering.
+    for (int step = 0; step < 256 && TimecodeTextParse(text, targetType, count) != TCT_OK; ++step) {
+        if (!nextLabel(text)) break;
+    }
     // The text of a 59.94 or 60 count names frame pairs.
     if (source == VID_TC_5994 || source == VID_TC_60) *count *= 2;
 }

@@ -128,8 +128,9 @@ bool parseText(const char* p, const Counting& c, uint32_t* out) {
     if (!twoDigits(p, &f.seconds) || !isSeparator(*p)) return false;
     sep[2] = *p++;
     if (!twoDigits(p, &f.frames) || *skipSpaces(p) != '\0') return false;
-    bool dropSep = sep[2] == ';' || sep[2] == ',';
-    if (c.drop != dropSep) return false;
+    // Either separator is taken whatever the type: the type alone decides
+    // how frames are counted. For pair counting '.' and ',' mark the
+    // second frame of a pair.
     f.second = c.pairs && (sep[2] == '.' || sep[2] == ',');
     return join(f, c, out);
 }

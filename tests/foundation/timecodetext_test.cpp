@@ -63,21 +63,22 @@ TEST(TimecodeText, ParseInvertsFormatForEveryType) {
 }
 
 TEST(TimecodeText, MalformedTextLeavesCountUnchanged) {
-    // Drop separators belong to drop-frame types only, and skipped labels do
-    // not exist.
+    // Skipped labels do not exist; a separator of either kind is fine.
     const uint32_t df = 4 | 0x100;
     const std::pair<const char*, uint32_t> bad[] = {
         {"", df}, {"1:00:00", df}, {"01:60:00;00", df}, {"01:00:60;00", df}, {"01:00:00;30", df},
         {"ab:00:00;00", df}, {"01:00:00;0", df}, {"01:00:00;00x", df}, {"99999999999:00:00;00", df},
-        {"01:00:00;00", 2 | 0x100}, {"01:00:00:00", df}, {"00:01:00;01", df}, {"4294967296", 0x100}};
+        {"00:01:00;01", df}, {"00:01:00:00", df}, {"4294967296", 0x100}};
     for (auto [text, word] : bad) {
         uint32_t n = 1234;
         EXPECT_NE(TimecodeTextParse(text, word, &n), TCT_OK) << text;
         EXPECT_EQ(n, 1234u) << text;
     }
-    // Spaces around, -1 as 32 bits, and '.' like ':' without pairs.
+    // Spaces around, -1 as 32 bits, '.' like ':' without pairs, and the
+    // type, not the separator, deciding how frames count.
     const std::tuple<const char*, uint32_t, uint32_t> good[] = {
-        {" 00:10:00;00 ", 4, 17982}, {"-1", 0x100, 0xFFFFFFFF}, {"00:00:00.01", 2, 1}};
+        {" 00:10:00;00 ", 4, 17982}, {"-1", 0x100, 0xFFFFFFFF}, {"00:00:00.01", 2, 1},
+        {"01:00:00;00", 2, 108000},  {"01:00:00:00", 4, 107892},  {"00:00:01.05", 32, 71}};
     for (const auto& [text, word, want] : good) {
         uint32_t n = 0;
         EXPECT_EQ(TimecodeTextParse(text, word, &n), TCT_OK) << text;

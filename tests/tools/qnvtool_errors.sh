@@ -37,7 +37,7 @@ expect_error "$tool" nals
 expect_error "$tool" no-such-command
 expect_error "$tool" tc 5
 expect_error "$tool" tc 1 --type bogus
-expect_error "$tool" tc 01:00:00:00 --rate 30000/1001
+expect_error "$tool" tc 00:01:00:01 --type drop-frame
 expect_error "$tool" rate 0/1
 expect_error "$tool" probe "$work/text"
 expect_error "$tool" probe --kind aac "$work/text"

@@ -6,6 +6,7 @@
 
 #include "qnvutil/vidformat.h"
 #include "vidformat/ratetext.h"
+#include "tests/qnvutil/test_util.h"
 #include "vidformat/tctype.h"
 
 TEST(TcType, FromFramesPerSecond) {
@@ -53,18 +54,22 @@ TEST(TcType, FromParameterText) {
 }
 
 TEST(TcType, ConvertsCountsThroughTimecodeText) {
-    // count, target type, rate, scale, result. Frame 24 does not exist at 24
-    // and drop separators do not parse as non-drop: the count stays. 59.94
+    // count, target type, rate, scale, result. A label the target lacks
+    // moves on to the next one it has: frame 24 at 24 to the next second,
+    // a dropped ;00 to ;02. Drop and non-drop labels read across types. 59.94
     // and 60 count frame pairs in their text, so the result is doubled (the
     // second frame of a pair reads as the first); 50 is not doubled. A zero
     // scale gives type 2.
     const uint32_t cases[][5] = {
         {86400, 1, 24, 1, 86400},          {12345, 4, 30000, 1001, 12345},  // same type: untouched
         {86400, 8, 24, 1, 90000},          {86424, 2, 24, 1, 108030},       // 01:00:01:00 at 30
-        {90023, 1, 25, 1, 86423},          {90024, 1, 25, 1, 90024},
+        {90023, 1, 25, 1, 86423},          {90024, 1, 25, 1, 86424},        // 01:00:00:24 -> 01:00:01:00
         {7200, 8, 60, 1, 6000},            {7201, 8, 60, 1, 6000},          // 00:02:00:00 -> 3000 -> 6000
         {215784, 4, 60000, 1001, 215784},  {100, 8, 50, 1, 50},
-        {107892, 2, 30000, 1001, 107892},  {1000, 2, 60000, 1001, 2000},
+        {107892, 2, 30000, 1001, 108000},  {1000, 2, 60000, 1001, 1000},    // 01:00:00;00 -> 01:00:00:00
+        {1000, 4, 25, 1, 1200},            {1500, 4, 25, 1, 1800},          // 00:00:40:00 -> 00:00:40;00
+        {1350, 4, 30, 1, 1350},                                             // 00:00:45:00
+        {1800, 4, 30, 1, 1800},            {1801, 4, 30, 1, 1800},          // 00:01:00:00, :01 -> ;02 = 1800
         {108000, 2, 30, 0, 108000},        {108000, 8, 30, 0, 90000}};
     for (const auto& c : cases) {
         uint32_t count = c[0];
@@ -89,4 +94,17 @@ TEST(RateText, ReadsFractionsWholesAndDecimals) {
     for (const char* bad : {"", "0", "25/0", "4294967296", "1.2345678901", "/1", "25/", "2.", "25 ", "-25", "x"})
         EXPECT_EQ(read(bad), P(0, 0)) << bad;
     EXPECT_FALSE(qnv::RateFromText(nullptr, nullptr, nullptr));
+}
+
+// qnvtool tc without --type: the separator picks drop or non-drop counting
+// at 29.97 and 59.94; a count goes out in the rate's own type.
+TEST(TcType, QnvtoolReadsTheSeparatorAtDropFrameRates) {
+    if (!qnvtest::qnvtoolBuilt()) GTEST_SKIP() << "qnvtool not built";
+    const std::pair<const char*, const char*> cases[] = {
+        {"tc '01:00:00;00' --rate 30000/1001", "107892\n"}, {"tc 01:00:00:00 --rate 30000/1001", "108000\n"},
+        {"tc '00:00:01;05' --rate 60000/1001", "70\n"},     {"tc 00:00:01:05 --rate 60000/1001", "70\n"},
+        {"tc 01:00:00:00 --rate 25", "90000\n"},          {"tc 107892 --rate 30000/1001", "01:00:00;00\n"},
+        {"tc --convert 1000 --from 25 --to drop-frame", "1200\n"}};
+    for (const auto& [args, out] : cases)
+        EXPECT_EQ(qnvtest::runCommand(qnvtest::kQnvtool + " " + args + " 2>&1"), out) << args;
 }

@@ -53,6 +53,14 @@ std::pair<uint32_t, uint32_t> parseRate(const std::string& s) {
     return {rate, scale};
 }
 
+// The drop-frame or non-drop-frame type of a rate's type, where the rate has
+// both (29.97 and 30: 4 and 2; 59.94 and 60: 32 and 64).
+uint32_t separatorType(uint32_t type, bool drop) {
+    if (type == VID_TC_2997 || type == VID_TC_30) return drop ? VID_TC_2997 : VID_TC_30;
+    if (type == VID_TC_5994 || type == VID_TC_60) return drop ? VID_TC_5994 : VID_TC_60;
+    return type;
+}
+
 std::string typeLabel(uint32_t type) {
     const char* name = qnv::TcTypeName(type);
     return name ? std::string(name) : "type " + std::to_string(type);
@@ -89,6 +97,10 @@ void runTc(const TcOptions& o) {
         std::printf("%s\n", text);
         return;
     }
+    // Without --type the text's last separator picks drop-frame (';' ',') or
+    // non-drop-frame (':' '.') counting at rates that have both.
+    const char last = o.value.size() >= 3 ? o.value[o.value.size() - 3] : ':';
+    if (o.type.empty()) type = separatorType(type, last == ';' || last == ',');
     uint32_t count = 0;
     if (TimecodeTextParse(o.value.c_str(), type | 0x100, &count) != TCT_OK)
         throw Error("'" + o.value + "' is not a " + typeLabel(type) + " timecode");
