@@ -21,8 +21,9 @@
  *      frame with the smallest POC as the next one displayed and gives it
  *      the next caption packet or time code;
  *   5. at the end of the stream takes the rest in POC order.
- * Frames are written out in decoding order once they have their packet; at
- * most R + 2 frames wait. A frame with QNV_PICORDER_SECOND_FIELD is the
+ * Frames are written out in decoding order once they have their packet, so
+ * a frame waits until its picture is displayed: at most a group of
+ * pictures between two anchors plus R frames. A frame with QNV_PICORDER_SECOND_FIELD is the
  * second field of an H.264 field pair: it joins the first field's frame and
  * takes no place of its own (one packet per frame, in its first field). A
  * frame with QNV_PICORDER_NOT_OUTPUT (HEVC RASL pictures of a CRA that
