@@ -25,6 +25,7 @@
 #include "qnvutil/sei/caption_packet.h"
 #include "tools/qnvtool/access_units.h"
 #include "tools/qnvtool/annexb.h"
+#include "tools/qnvtool/picture_order.h"
 #include "tools/qnvtool/tool.h"
 
 namespace qnvtool {
@@ -217,9 +218,16 @@ void runCaptions(const CaptionsOptions& o) {
         const std::string reason = log.last();
         throw Error("caption packet " + std::to_string(i) + " is invalid" + (reason.empty() ? "" : ": " + reason));
     }
+    // The i-th packet goes to the picture displayed i-th; a second field or
+    // a picture that is not displayed gets none.
+    const std::vector<int64_t> ranks = displayRanks(data, units, codec);
     for (size_t i = 0; i < units.size(); ++i) {
         const AccessUnit& au = units[i];
-        const Packet& packet = packets[i % packets.size()];
+        if (ranks[i] < 0) {
+            out.insert(out.end(), data.begin() + au.offset, data.begin() + au.offset + au.size);
+            continue;
+        }
+        const Packet& packet = packets[static_cast<size_t>(ranks[i]) % packets.size()];
         buffer.clear();
         if (codec == VideoCodec::kH264)
             appendLengthPrefixed(data, au, buffer);

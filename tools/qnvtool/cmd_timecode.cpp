@@ -1,8 +1,9 @@
 // qnvtool timecode IN OUT --start HH:MM:SS:FF --rate R [--ndf]
 //
 // Stamps an HEVC time_code SEI on every access unit of an HEVC elementary
-// stream, counting up from --start in stream order (which is display order
-// for streams without reordered pictures). 29.97 and 59.94 count drop-frame
+// stream, counting up from --start in display order: the picture displayed
+// i-th gets start + i, a RASL picture that a starting CRA drops gets none.
+// 29.97 and 59.94 count drop-frame
 // unless --ndf is given; access units that already carry a time code as
 // their first prefix SEI keep it.
 #include <cmath>
@@ -13,6 +14,7 @@
 #include "qnvutil/timecodetext.h"
 #include "qnvutil/vidformat.h"
 #include "tools/qnvtool/access_units.h"
+#include "tools/qnvtool/picture_order.h"
 #include "tools/qnvtool/tool.h"
 #include "vidformat/ratetext.h"
 
@@ -75,15 +77,21 @@ void runTimecode(const TimecodeOptions& o) {
     std::vector<uint8_t> out, buffer;
     out.reserve(data.size() + units.size() * 24);
     size_t stamped = 0;
+    // The time code start + i goes to the picture displayed i-th.
+    const std::vector<int64_t> ranks = displayRanks(data, units, VideoCodec::kHevc);
     for (size_t i = 0; i < units.size(); ++i) {
         const AccessUnit& au = units[i];
+        if (ranks[i] < 0) {
+            out.insert(out.end(), data.begin() + au.offset, data.begin() + au.offset + au.size);
+            continue;
+        }
         buffer.assign(data.begin() + au.offset, data.begin() + au.offset + au.size);
         buffer.resize(au.size + 64);  // a time code SEI is at most a few tens of bytes
         DFrame frame{};
         frame.frameData = buffer.data();
         frame.frameCapacity = static_cast<uint32_t>(buffer.size());
         frame.frameSize = au.size;
-        frame.frameTimecode = first + static_cast<uint32_t>(i);
+        frame.frameTimecode = first + static_cast<uint32_t>(ranks[i]);
         qnvutilAddHEVCTimeCode(&frame, type);
         stamped += frame.frameSize != au.size ? 1 : 0;
         out.insert(out.end(), frame.frameData, frame.frameData + frame.frameSize);
