@@ -139,8 +139,8 @@ TEST_F(DiskCache, MatchesPreadOverRandomReads) {
                 ASSERT_GE(::pread(fd, want.data(), size, static_cast<off_t>(position)), 0);
                 uint32_t bytesRead = 0;
                 ASSERT_EQ(cache.Read(got.data(), position, size, &bytesRead, flags), 0u);
-                ASSERT_LE(bytesRead, size) << position << "+" << size;
-                if (position + size <= content.size()) ASSERT_EQ(bytesRead, size) << position << "+" << size;
+                ASSERT_EQ(bytesRead, position + size <= content.size() ? size : std::min(bytesRead, size))
+                    << position << "+" << size;
                 ASSERT_EQ(got[size], 0xEE) << "wrote past the request";
                 got.resize(bytesRead);
                 want.resize(bytesRead);
