@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 
 #include "qnvutil/qxutil.h"
@@ -16,12 +17,15 @@ namespace {
 bool g_complained = false;
 void note(uint32_t, const char*, void*) { g_complained = true; }
 
-// A folder of its own, in memory where the machine has /dev/shm.
-std::string storeFolder() {
-    std::string folder = (::access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp") + std::string("/qnvfuzzcfgXXXXXX");
-    if (::mkdtemp(folder.data()) == nullptr) std::abort();
-    return folder;
-}
+// A folder of its own, in memory where the machine has /dev/shm, removed
+// when the process ends.
+struct Folder {
+    std::string path = (::access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp") + std::string("/qnvfuzzcfgXXXXXX");
+    Folder() {
+        if (::mkdtemp(path.data()) == nullptr) std::abort();
+    }
+    ~Folder() { std::filesystem::remove_all(path); }
+};
 
 // Key paths and names are C strings: the input's bytes up to a NUL.
 std::string name(const uint8_t* data, size_t size, size_t at, size_t length) {
@@ -32,8 +36,8 @@ std::string name(const uint8_t* data, size_t size, size_t at, size_t length) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const std::string folder = storeFolder();
-    static const std::string file = folder + "/fuzz.xml";
+    static const Folder folder;
+    static const std::string file = folder.path + "/fuzz.xml";
     static const bool silenced = (QxSetLogSink(note, nullptr), true);
     (void)silenced;
     if (size > 1 << 16) return 0;
