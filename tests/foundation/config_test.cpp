@@ -306,3 +306,57 @@ TEST_F(ConfigStore, WritersTakeTurns) {
     for (int w = 0; w < kWriters; ++w) EXPECT_GE(shared->whenFirstDone[w], kKeys * 3 / 4) << "writer " << w;
     ::munmap(shared, sizeof(Shared));
 }
+
+TEST_F(ConfigStore, DeletesKeepTheOtherValuesFindable) {
+    QXCFG h = qxCFGOpen("UserMetadata.xml", 0);
+    for (uint32_t i = 0; i < 4; ++i) qxCFGValueDword(h, "K", ("v" + std::to_string(i)).c_str(), &i, 1);
+    EXPECT_EQ(qxCFGDeleteValue(h, "K", "V1"), 0u);
+    EXPECT_EQ(qxCFGDeleteValue(h, "K", "v1"), QXCFG_MISSING);
+    std::vector<uint32_t> left;
+    for (const char* name : {"v0", "v2", "v3"}) {
+        uint32_t v = 99;
+        qxCFGValueDword(h, "k", name, &v, 0);
+        left.push_back(v);
+    }
+    EXPECT_EQ(left, (std::vector<uint32_t>{0, 2, 3}));
+    qxCFGClose(h, 0);
+}
+
+TEST_F(ConfigStore, FolderFromTheEnvironment) {
+    const char* saved = std::getenv("HOME");
+    const std::string home = saved != nullptr ? saved : "";
+    // Each row: QNVUTIL_CONFIG_DIR, XDG_CONFIG_HOME, HOME -> the store's file.
+    const std::vector<std::vector<std::string>> rows = {
+        {"", (dir / "xdg").string(), (dir / "home").string(), (dir / "xdg/qnvutil/default.xml").string()},
+        {"", "", (dir / "home").string(), (dir / "home/.config/qnvutil/default.xml").string()}};
+    for (const auto& r : rows) {
+        ::setenv("QNVUTIL_CONFIG_DIR", r[0].c_str(), 1);
+        ::setenv("XDG_CONFIG_HOME", r[1].c_str(), 1);
+        ::setenv("HOME", r[2].c_str(), 1);
+        uint32_t v = 1;
+        EXPECT_EQ(qxCFGValueDword(QXCFG_DEFAULT, "K", "v", &v, 1), 0u);
+        EXPECT_TRUE(fs::exists(r[3])) << r[3];
+    }
+    ::unsetenv("XDG_CONFIG_HOME");
+    ::setenv("HOME", home.c_str(), 1);
+}
+
+TEST_F(ConfigStore, UnreadableStoresAndFoldersFailAndAreReported) {
+    fs::create_directories(dir / "default.xml");  // a folder where the file should be
+    uint32_t v = 1;
+    EXPECT_EQ(qxCFGValueDword(QXCFG_DEFAULT, "K", "v", &v, 0), QXCFG_MISSING);
+    EXPECT_EQ(qxCFGValueDword(QXCFG_DEFAULT, "K", "v", &v, 1), QXCFG_FAILED);
+    EXPECT_EQ(qxCFGOpen("default.xml", 0), 0u);
+    QXCFG h = qxCFGOpen("later.xml", 0);
+    qxCFGValueDword(h, "K", "v", &v, 1);
+    fs::create_directories(dir / "later.xml");
+    qxCFGClose(h, 1);
+    std::ofstream(dir / "file") << "x";
+    ::setenv("QNVUTIL_CONFIG_DIR", (dir / "file" / "sub").c_str(), 1);
+    EXPECT_EQ(qxCFGValueDword(QXCFG_DEFAULT, "K", "v", &v, 1), QXCFG_FAILED);
+    const std::vector<std::string> want = {
+        "qxCFG: configuration store " + (dir / "default.xml").string() + " cannot be read; it reads as empty",
+        "qxCFG: configuration store " + (dir / "later.xml").string() + " cannot be read; it reads as empty",
+        "qxCFG: could not save configuration store " + (dir / "later.xml").string()};
+    EXPECT_EQ(log.lines, want);
+}

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -62,6 +63,21 @@ TEST(Base64, EncodesWithLineBreaksWithinTheCallersSizing) {
     for (uint32_t n : {0u, 1u, 53u, 54u, 55u, 1000u, 4112u}) encode(std::string(n, 'x'));
 }
 
+TEST(Memory, CopiesAndClearsExactlyCountBytes) {
+    using Copy = void (*)(void*, const void*, uint32_t);
+    using Clear = void (*)(void*, uint32_t);
+    const std::pair<Copy, Clear> pairs[] = {{CopyMemoryFast, ZeroMemoryFast}, {qxOSCopyMemory, qxOSZeroMemory}};
+    for (auto [copy, clear] : pairs) {
+        std::vector<uint8_t> out(6, 0xEE);
+        const uint8_t in[] = {1, 2, 3, 4};
+        copy(out.data() + 1, in, 4);
+        clear(out.data() + 2, 2);
+        copy(nullptr, nullptr, 0);  // empty copies take null pointers
+        clear(nullptr, 0);
+        EXPECT_EQ(out, (std::vector<uint8_t>{0xEE, 1, 0, 0, 4, 0xEE}));
+    }
+}
+
 TEST(Files, DispositionsReadWriteSeekAndErrors) {
     fs::path p = fs::temp_directory_path() / ("qnvfile-" + std::to_string(::getpid()));
     fs::remove(p);
@@ -91,6 +107,16 @@ TEST(Files, DispositionsReadWriteSeekAndErrors) {
     EXPECT_EQ(qxOSFileExists(p.c_str()), 0u);
     EXPECT_EQ(qxOSCreateFile(p.c_str(), QX_GENERIC_READ, 1, nullptr, QX_OPEN_EXISTING, 0, nullptr), QX_INVALID_FILE);
     EXPECT_EQ(qxOSGetLastError(), uint32_t(ENOENT));
+
+    // Arguments that name no file, and a write through a read-only handle.
+    EXPECT_EQ(qxOSCreateFile(nullptr, QX_GENERIC_READ, 1, nullptr, QX_OPEN_EXISTING, 0, nullptr), QX_INVALID_FILE);
+    EXPECT_EQ(qxOSGetLastError(), uint32_t(EINVAL));
+    EXPECT_EQ(qxOSCreateFile(p.c_str(), QX_GENERIC_WRITE, 1, nullptr, 9, 0, nullptr), QX_INVALID_FILE);
+    EXPECT_EQ(std::pair(qxOSGetLastError(), qxOSFileExists(p.c_str())), std::pair(uint32_t(EINVAL), 0u));
+    f = qxOSCreateFile("/dev/null", QX_GENERIC_READ, 1, nullptr, QX_OPEN_EXISTING, 0, nullptr);
+    EXPECT_EQ(qxOSWriteFile(f, "x", 1, &n, nullptr), 0u);
+    EXPECT_EQ(std::pair(n, qxOSGetLastError()), std::pair(0u, uint32_t(EBADF)));
+    qxOSCloseFile(f);
 
     uint32_t t0 = qxOSGetMs();
     std::this_thread::sleep_for(std::chrono::milliseconds(20));

@@ -278,9 +278,12 @@ TEST_F(DiskCache, BufferSetupAndShallowCopies) {
     EXPECT_LT(data - raw, 1024u);
     read(cache, 5000, 100);
     {
-        Cache copy(cache);  // shares the buffer and the cached range
-        EXPECT_EQ(std::pair(copy.data(), copy.end()), std::pair(cache.data(), uint64_t(10000)));
+        Cache copy(cache), assigned;  // share the buffer and the cached range
+        assigned = cache;
+        for (const Cache* c : {&copy, &assigned})
+            EXPECT_EQ(std::pair(c->data(), c->end()), std::pair(cache.data(), uint64_t(10000)));
         copy.forget();
+        assigned.forget();
     }
     // A new size empties the cache; an impossible one leaves no cache and
     // every read goes to the file.
