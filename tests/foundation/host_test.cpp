@@ -1,12 +1,11 @@
-// Host services: diagnostics, configuration store, files, base64.
+// Host services: diagnostics, files, base64 (the configuration store has its own test).
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -25,24 +24,6 @@ struct Captured {
 void capture(uint32_t level, const char* line, void* context) {
     static_cast<Captured*>(context)->lines.emplace_back(level, line);
 }
-
-// A fresh configuration folder per test, named by QNVUTIL_CONFIG_DIR.
-class ConfigStore : public ::testing::Test {
-protected:
-    void SetUp() override {
-        dir = fs::temp_directory_path() / ("qnvcfg-" + std::to_string(::getpid()) + "-" +
-                                           ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        fs::remove_all(dir);
-        ::setenv("QNVUTIL_CONFIG_DIR", dir.c_str(), 1);
-        QxSetLogSink(capture, &log);
-    }
-    void TearDown() override {
-        QxSetLogSink(nullptr, nullptr);
-        fs::remove_all(dir);
-    }
-    fs::path dir;
-    Captured log;
-};
 
 }  // namespace
 
@@ -82,115 +63,19 @@ TEST(Base64, EncodesWithLineBreaksWithinTheCallersSizing) {
     for (uint32_t n : {0u, 1u, 53u, 54u, 55u, 1000u, 4112u}) encode(std::string(n, 'x'));
 }
 
-TEST_F(ConfigStore, DefaultStoreReadsWritesAndKeepsKeyPaths) {
-    uint32_t v = 0;
-    EXPECT_EQ(qxCFGValueDword(QXCFG_DEFAULT, "Quellbox\\Advanced", "ForceVideoRangeMatrix", &v, 0), QXCFG_MISSING);
-    v = 1;
-    EXPECT_EQ(qxCFGValueDword(QXCFG_DEFAULT, "Quellbox\\Advanced", "ForceVideoRangeMatrix", &v, 1), 0u);
-    v = 0;
-    EXPECT_EQ(qxCFGValueDword(QXCFG_DEFAULT, "quellbox\\advanced", "forcevideorangematrix", &v, 0), 0u);
-    EXPECT_EQ(v, 1u);
-    std::ifstream in(dir / "default.xml");
-    std::string file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    EXPECT_NE(file.find("path=\"Quellbox\\Advanced\""), std::string::npos);
-
-    std::string text = "line\r\nwith <tags> & \x01 bytes\xE9";
-    text += std::string(1, '\0') + "after a NUL";
-    uint32_t len = static_cast<uint32_t>(text.size());
-    EXPECT_EQ(qxCFGValueString(QXCFG_DEFAULT, "Quellbox\\MetaData", "Label", const_cast<char*>(text.data()), &len, 1), 0u);
-    len = 99;
-    EXPECT_EQ(qxCFGValueString(QXCFG_DEFAULT, "Quellbox\\MetaData", "Label", nullptr, &len, 0), 0u);
-    ASSERT_EQ(len, text.size());
-    std::vector<char> buf(len + 4, 0);
-    EXPECT_EQ(qxCFGValueString(QXCFG_DEFAULT, "Quellbox\\MetaData", "Label", buf.data(), &len, 0), 0u);
-    EXPECT_EQ(std::string(buf.data(), len), text);
-    uint32_t small = 4;
-    EXPECT_EQ(qxCFGValueString(QXCFG_DEFAULT, "Quellbox\\MetaData", "Label", buf.data(), &small, 0), 0u);
-    EXPECT_EQ(small, text.size());
-    len = 0;
-    EXPECT_EQ(qxCFGValueString(QXCFG_DEFAULT, "Quellbox\\MetaData", "Nothing", nullptr, &len, 0), 0u);
-    EXPECT_EQ(len, 0u);
-    EXPECT_EQ(qxCFGDeleteValue(QXCFG_DEFAULT, "Quellbox\\MetaData", "Label"), 0u);
-    EXPECT_EQ(qxCFGDeleteValue(QXCFG_DEFAULT, "Quellbox\\MetaData", "Label"), QXCFG_MISSING);
-    EXPECT_TRUE(log.lines.empty());
-}
-
-TEST_F(ConfigStore, OpenedStoreKeepsWritesOnlyWhenAsked) {
-    QXCFG h = qxCFGOpen("UserMetadata.xml", 0);
-    ASSERT_NE(h, 0u);
-    uint32_t v = 7;
-    EXPECT_EQ(qxCFGValueDword(h, "Quellbox\\MetaData\\Default", "Take", &v, 1), 0u);
-    v = 0;
-    EXPECT_EQ(qxCFGValueDword(h, "Quellbox\\MetaData\\Default", "Take", &v, 0), 0u);
-    EXPECT_EQ(v, 7u);
-    qxCFGClose(h, 0);
-    EXPECT_FALSE(fs::exists(dir / "UserMetadata.xml"));
-    EXPECT_EQ(qxCFGValueDword(h, "Quellbox\\MetaData\\Default", "Take", &v, 0), QXCFG_BADHANDLE);
-
-    h = qxCFGOpen("UserMetadata.xml", 0);
-    v = 8;
-    qxCFGValueDword(h, "Quellbox\\MetaData\\Default", "Take", &v, 1);
-    qxCFGClose(h, 1);
-    h = qxCFGOpen((dir / "UserMetadata.xml").c_str(), 0);
-    v = 0;
-    EXPECT_EQ(qxCFGValueDword(h, "Quellbox\\MetaData\\Default", "Take", &v, 0), 0u);
-    EXPECT_EQ(v, 8u);
-    qxCFGClose(h, 1);
-    EXPECT_EQ(qxCFGOpen(nullptr, 0), 0u);
-}
-
-TEST_F(ConfigStore, CorruptFileReadsEmptyReportedOnceAndIsSetAside) {
-    fs::create_directories(dir);
-    std::ofstream(dir / "default.xml") << "<qnvconfig><key path=";
-    uint32_t v = 5;
-    EXPECT_EQ(qxCFGValueDword(QXCFG_DEFAULT, "A", "B", &v, 0), QXCFG_MISSING);
-    EXPECT_EQ(qxCFGValueDword(QXCFG_DEFAULT, "A", "C", &v, 0), QXCFG_MISSING);
-    EXPECT_EQ(log.lines.size(), 1u);
-    EXPECT_EQ(qxCFGValueDword(QXCFG_DEFAULT, "A", "B", &v, 1), 0u);
-    EXPECT_TRUE(fs::exists(dir / "default.xml.corrupt"));
-    v = 0;
-    EXPECT_EQ(qxCFGValueDword(QXCFG_DEFAULT, "A", "B", &v, 0), 0u);
-    EXPECT_EQ(v, 5u);
-}
-
-TEST_F(ConfigStore, ConcurrentWritersFromThreadsAndProcessesLoseNothing) {
-    constexpr int kWriters = 4, kValues = 25;
-    auto writeAll = [](int writer) {
-        for (uint32_t i = 0; i < kValues; ++i) {
-            std::string name = "w" + std::to_string(writer) + "v" + std::to_string(i);
-            qxCFGValueDword(QXCFG_DEFAULT, "Quellbox\\Test", name.c_str(), &i, 1);
-        }
-    };
-    std::vector<pid_t> children;
-    for (int p = 0; p < 2; ++p) {
-        pid_t pid = ::fork();
-        if (pid == 0) {
-            writeAll(100 + p);
-            ::_exit(0);
-        }
-        children.push_back(pid);
+TEST(Memory, CopiesAndClearsExactlyCountBytes) {
+    using Copy = void (*)(void*, const void*, uint32_t);
+    using Clear = void (*)(void*, uint32_t);
+    const std::pair<Copy, Clear> pairs[] = {{CopyMemoryFast, ZeroMemoryFast}, {qxOSCopyMemory, qxOSZeroMemory}};
+    for (auto [copy, clear] : pairs) {
+        std::vector<uint8_t> out(6, 0xEE);
+        const uint8_t in[] = {1, 2, 3, 4};
+        copy(out.data() + 1, in, 4);
+        clear(out.data() + 2, 2);
+        copy(nullptr, nullptr, 0);  // empty copies take null pointers
+        clear(nullptr, 0);
+        EXPECT_EQ(out, (std::vector<uint8_t>{0xEE, 1, 0, 0, 4, 0xEE}));
     }
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kWriters; ++t) threads.emplace_back(writeAll, t);
-    // A reader running alongside never sees a damaged file.
-    for (int i = 0; i < 50; ++i) {
-        uint32_t v;
-        qxCFGValueDword(QXCFG_DEFAULT, "Quellbox\\Test", "w0v0", &v, 0);
-    }
-    for (auto& t : threads) t.join();
-    for (pid_t pid : children) {
-        int status = 0;
-        ::waitpid(pid, &status, 0);
-        EXPECT_EQ(status, 0);
-    }
-    for (int w : {0, 1, 2, 3, 100, 101})
-        for (uint32_t i = 0; i < kValues; ++i) {
-            std::string name = "w" + std::to_string(w) + "v" + std::to_string(i);
-            uint32_t v = ~0u;
-            ASSERT_EQ(qxCFGValueDword(QXCFG_DEFAULT, "Quellbox\\Test", name.c_str(), &v, 0), 0u) << name;
-            ASSERT_EQ(v, i);
-        }
-    EXPECT_TRUE(log.lines.empty());
 }
 
 TEST(Files, DispositionsReadWriteSeekAndErrors) {
@@ -222,6 +107,16 @@ TEST(Files, DispositionsReadWriteSeekAndErrors) {
     EXPECT_EQ(qxOSFileExists(p.c_str()), 0u);
     EXPECT_EQ(qxOSCreateFile(p.c_str(), QX_GENERIC_READ, 1, nullptr, QX_OPEN_EXISTING, 0, nullptr), QX_INVALID_FILE);
     EXPECT_EQ(qxOSGetLastError(), uint32_t(ENOENT));
+
+    // Arguments that name no file, and a write through a read-only handle.
+    EXPECT_EQ(qxOSCreateFile(nullptr, QX_GENERIC_READ, 1, nullptr, QX_OPEN_EXISTING, 0, nullptr), QX_INVALID_FILE);
+    EXPECT_EQ(qxOSGetLastError(), uint32_t(EINVAL));
+    EXPECT_EQ(qxOSCreateFile(p.c_str(), QX_GENERIC_WRITE, 1, nullptr, 9, 0, nullptr), QX_INVALID_FILE);
+    EXPECT_EQ(std::pair(qxOSGetLastError(), qxOSFileExists(p.c_str())), std::pair(uint32_t(EINVAL), 0u));
+    f = qxOSCreateFile("/dev/null", QX_GENERIC_READ, 1, nullptr, QX_OPEN_EXISTING, 0, nullptr);
+    EXPECT_EQ(qxOSWriteFile(f, "x", 1, &n, nullptr), 0u);
+    EXPECT_EQ(std::pair(n, qxOSGetLastError()), std::pair(0u, uint32_t(EBADF)));
+    qxOSCloseFile(f);
 
     uint32_t t0 = qxOSGetMs();
     std::this_thread::sleep_for(std::chrono::milliseconds(20));

@@ -244,3 +244,18 @@ TEST_F(ProjectFile, AssignmentSharesTheDocument) {
     EXPECT_EQ(nameOf(copy, &CQxProjectToXML::GetXMLName), "source.xml");
     copy.forgetDocument();
 }
+
+TEST_F(ProjectFile, ReferencesToCharactersAbove255ReadAsUtf8) {
+    // From another writer: references of two, three and four UTF-8 bytes.
+    spit(dir / "b/project.xml", "<ClipList FileName=\"c&#x100;&#9786;&#x1F3AC;.lst\" Data=\"&#x20AC;\"/>\n");
+    CQxProjectToXML p;
+    ASSERT_EQ(p.LoadXMLFile((dir / "b/project.xml").c_str()), 1u);
+    EXPECT_EQ(nameOf(p, &CQxProjectToXML::GetClipFile), "c\xC4\x80\xE2\x98\xBA\xF0\x9F\x8E\xAC.lst");
+    EXPECT_EQ(slurp(dir / "b/c\xC4\x80\xE2\x98\xBA\xF0\x9F\x8E\xAC.lst"), "\xE2\x82\xAC");
+    // An empty clip file leaves the embedded text as it was.
+    spit(dir / "b/empty.lst", "");
+    p.SetClipFile((dir / "b/empty.lst").c_str());
+    p.SetXMLName((dir / "b/saved.xml").c_str());
+    ASSERT_EQ(p.SaveXMLFile(), 1u);
+    EXPECT_NE(slurp(dir / "b/saved.xml").find("Data=\"\xE2\x82\xAC\""), std::string::npos);
+}

@@ -68,6 +68,13 @@ TEST(TransTC, PlayCountsAtSlowSpeeds) {
         Seen seen;  // repeat count and frame of each forward step
         for (int32_t repeat = 0; seen.size() < r.want.size();) {
             tc.GetTC(repeat);
+            // Every width of the count reads the same count and position.
+            int16_t r16 = 0;
+            uint16_t u16 = 0;
+            uint32_t u32 = 0;
+            EXPECT_EQ(std::tuple(tc.GetTC(r16), tc.GetTC(u16), tc.GetTC(u32)),
+                      std::tuple(tc.GetTC(), tc.GetTC(), tc.GetTC()));
+            EXPECT_EQ(std::tuple(int32_t(r16), int32_t(u16), int32_t(u32)), std::tuple(repeat, repeat, repeat));
             seen.emplace_back(repeat, ++tc);
         }
         EXPECT_EQ(seen, r.want) << r.speed;
@@ -85,6 +92,11 @@ TEST(TransTC, SpeedAssignmentKeepsFractionAndCachedCount) {
     CQNVTransTC2 copy;
     copy = tc;
     EXPECT_EQ(std::pair(copy.GetLSpeed(), copy.GetLastPlayCount()), std::pair(16380, 2));
+    CQNVSpeed speed;
+    copy.GetCSpeed(speed);
+    EXPECT_EQ(speed.Get(), 16380);
+    speed.Set(-7);
+    EXPECT_EQ(speed.Get(), -7);
     tc.SetSpeedZero(CQNVSpeed(-65520));  // exactly reverse: to the frame's start
     EXPECT_EQ(fracOf(tc), 0);
 }
@@ -93,6 +105,7 @@ TEST(TransTC, RangeWrapUsesUnsignedRemainder) {
     CQNVTransTC2 tc;
     tc.SetRange(100, 50);
     EXPECT_EQ(std::tuple(tc.GetIn(), tc.GetOut(), tc.GetDur()), std::tuple(50, 100, 50u));
+    EXPECT_EQ(std::pair(tc.In(), tc.Out()), std::pair(50u, 100u));
     // -1 + 50 = 49, then (49 - 50) as 4294967295 mod 50 = 45. From -100 on
     // there is no correction first: 4294967146 mod 50 = 46.
     const std::pair<int32_t, int32_t> rows[] = {{120, 70}, {-1, 95}, {49, 95}, {-100, 96}, {INT32_MIN, 98}};
