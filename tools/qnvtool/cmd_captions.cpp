@@ -20,11 +20,11 @@
 #include <cstdio>
 #include <cstring>
 
-#include "qnvutil/qxutil.h"
 #include "qnvutil/sei.h"
 #include "qnvutil/sei/caption_packet.h"
 #include "tools/qnvtool/access_units.h"
 #include "tools/qnvtool/annexb.h"
+#include "tools/qnvtool/library_log.h"
 #include "tools/qnvtool/picture_order.h"
 #include "tools/qnvtool/tool.h"
 
@@ -170,35 +170,6 @@ void appendAnnexB(const uint8_t* frame, uint32_t size, std::vector<uint8_t>& out
 }
 
 // ---- The command ------------------------------------------------------------
-
-// Collects the library's diagnostics while a stream is processed, so that a
-// failure stays one line and a warning repeated for every access unit is
-// reported once.
-class LibraryLog {
-public:
-    LibraryLog() { QxSetLogSink(&LibraryLog::collect, this); }
-    ~LibraryLog() { QxSetLogSink(nullptr, nullptr); }
-    LibraryLog(const LibraryLog&) = delete;
-    LibraryLog& operator=(const LibraryLog&) = delete;
-
-    std::string last() const { return lines_.empty() ? std::string() : lines_.back().first; }
-    void reportWarnings() const {
-        for (const auto& [line, count] : lines_)
-            std::fprintf(stderr, "qnvtool: warning: %s (%zu times)\n", line.c_str(), count);
-    }
-
-private:
-    static void collect(uint32_t, const char* line, void* context) {
-        auto& lines = static_cast<LibraryLog*>(context)->lines_;
-        for (auto& entry : lines)
-            if (entry.first == line) {
-                ++entry.second;
-                return;
-            }
-        lines.emplace_back(line, 1);
-    }
-    std::vector<std::pair<std::string, size_t>> lines_;
-};
 
 void runCaptions(const CaptionsOptions& o) {
     std::vector<uint8_t> data = readFile(o.in);
