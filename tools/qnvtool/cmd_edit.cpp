@@ -106,7 +106,7 @@ void runEdit(const EditOptions& o) {
     const bool hevc = codec == Codec::kHevc;
     const std::vector<AccessUnit> accessUnits =
         splitAccessUnits(data, hevc ? VideoCodec::kHevc : VideoCodec::kH264);
-    LibraryLog log;  // the readers' complaints about units that are not rewritten stay quiet
+    LibraryLog log;  // the library's own complaints stay out: a failure is reported in one line of ours
 
     namespace nal = qnv::nal;
     const nal::Codec layer = nalCodec(codec);

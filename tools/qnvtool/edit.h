@@ -4,6 +4,7 @@
 #define QNVTOOL_EDIT_H
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -70,7 +71,7 @@ private:
     struct Records;
     Codec codec_;
     const EditChanges& changes_;
-    Records* records_;
+    std::unique_ptr<Records> records_;
     std::vector<uint8_t> source_, result_;  // the last unit rewritten, and its rewrite
 };
 
@@ -108,7 +109,7 @@ private:
     bool unknown_ = false;  // a slice whose type could not be read
     bool slices_ = false;   // a slice noted since the last delimiter
     uint8_t temporalIdPlus1_ = 1;
-    HevcSets* hevc_ = nullptr;  // HEVC: the parameter sets by id
+    std::unique_ptr<HevcSets> hevc_;  // HEVC: the parameter sets by id
 };
 
 // Removes SEI messages with the given payloadType values from one SEI unit

@@ -215,7 +215,7 @@ struct ParameterSetEditor::Records {
 };
 
 ParameterSetEditor::ParameterSetEditor(Codec codec, const EditChanges& changes)
-    : codec_(codec), changes_(changes), records_(new Records) {
+    : codec_(codec), changes_(changes), records_(std::make_unique<Records>()) {
     // What the codec's parameter sets cannot carry is refused before any unit
     // is touched.
     if (changes.level) checkLevel(codec, *changes.level);
@@ -224,7 +224,7 @@ ParameterSetEditor::ParameterSetEditor(Codec codec, const EditChanges& changes)
                     " per second needs a time_scale beyond 32 bits in H.264 (two ticks per frame)");
 }
 
-ParameterSetEditor::~ParameterSetEditor() { delete records_; }
+ParameterSetEditor::~ParameterSetEditor() = default;
 
 bool ParameterSetEditor::edits(uint32_t type) const {
     if (codec_ == Codec::kH264) return type == 7 && changes_.sequence();

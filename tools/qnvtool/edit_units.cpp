@@ -61,10 +61,10 @@ struct PictureTypes::HevcSets {
 };
 
 PictureTypes::PictureTypes(Codec codec) : codec_(codec) {
-    if (codec == Codec::kHevc) hevc_ = new HevcSets();
+    if (codec == Codec::kHevc) hevc_ = std::make_unique<HevcSets>();
 }
 
-PictureTypes::~PictureTypes() { delete hevc_; }
+PictureTypes::~PictureTypes() = default;
 
 void PictureTypes::noteParameterSet(const uint8_t* unit, uint32_t size) {
     if (hevc_ == nullptr || size < 3) return;
