@@ -53,7 +53,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             }
             types.noteParameterSet(unit, n);
             types.noteSlice(unit, n);
-            const uint32_t type = codec == qnvtool::Codec::kHevc ? (unit[0] >> 1) & 63u : unit[0] & 31u;
+            const uint32_t type = qnv::nal::unitType(qnvtool::nalCodec(codec), unit[0]);
             if (editor.edits(type)) {
                 try {
                     if (editor.rewrite(unit, n, "unit").empty()) __builtin_trap();

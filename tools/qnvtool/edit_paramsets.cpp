@@ -8,6 +8,7 @@
 #include <memory>
 #include <numeric>
 
+#include "foundation/nal/nal.h"
 #include "qnvutil/h264.h"
 #include "qnvutil/hevc.h"
 #include "tools/qnvtool/edit.h"
@@ -204,7 +205,9 @@ void checkLevel(Codec codec, const Level& level) {
     } else {
         for (uint32_t l : kH264Levels) known |= level.oneB || l == tenfold;
     }
-    if (!known) throw Error(std::string("--level: ") + (codec == Codec::kHevc ? "HEVC" : "H.264") + " has no level " + levelText(level));
+    if (!known)
+        throw Error(std::string("--level: ") + (codec == Codec::kHevc ? "HEVC" : "H.264") + " has no level " +
+                    levelText(level));
 }
 
 struct ParameterSetEditor::Records {
@@ -226,20 +229,23 @@ ParameterSetEditor::ParameterSetEditor(Codec codec, const EditChanges& changes)
 
 ParameterSetEditor::~ParameterSetEditor() = default;
 
+namespace nal = qnv::nal;
+
 bool ParameterSetEditor::edits(uint32_t type) const {
-    if (codec_ == Codec::kH264) return type == 7 && changes_.sequence();
-    if (type == 33) return changes_.sequence();
-    return type == 32 && (changes_.level || changes_.fps);
+    if (codec_ == Codec::kH264) return type == nal::h264::kSps && changes_.sequence();
+    if (type == nal::hevc::kSps) return changes_.sequence();
+    return type == nal::hevc::kVps && (changes_.level || changes_.fps);
 }
 
 const std::vector<uint8_t>& ParameterSetEditor::rewrite(const uint8_t* unit, uint32_t size, const std::string& where) {
     // Streams repeat their parameter sets unchanged: the last rewrite serves.
     if (source_.size() == size && std::memcmp(source_.data(), unit, size) == 0) return result_;
     // guard: the writers' output buffer bounds what can come back whole.
-    if (size > QNV_H264_PS_MAX_BYTES) throw Error(where + ": parameter set of " + std::to_string(size) + " bytes");
+    if (size > QNV_H264_PS_MAX_BYTES)
+        throw Error(where + ": " + std::to_string(size) + " bytes, more than a parameter set writer writes");
     Records& r = *records_;
     BitBuffer reader{const_cast<uint8_t*>(unit), size, size * 8, 0};
-    const uint32_t type = codec_ == Codec::kHevc ? (unit[0] >> 1) & 63u : unit[0] & 31u;
+    const uint32_t type = nal::unitType(nalCodec(codec_), unit[0]);
     // Reads the unit, writes it back unchanged, edits the record, writes it.
     auto roundTrip = [&](auto& record, auto read, auto write, auto edit) {
         std::memset(&record, 0, sizeof record);
@@ -255,7 +261,7 @@ const std::vector<uint8_t>& ParameterSetEditor::rewrite(const uint8_t* unit, uin
     };
     if (codec_ == Codec::kH264) {
         roundTrip(r.sps, qnvutilRead_SPS, qnvutilWrite_SPS, [&](H264SpsRecord& s) { editH264Sps(changes_, s, where); });
-    } else if (type == 33) {
+    } else if (type == nal::hevc::kSps) {
         roundTrip(
             r.hevcSps, [&](BitBuffer* b, HevcSpsRecord* s) { return qnvutilRead_HEVC_SPS(b, s, nullptr, size * 8); },
             qnvutilWrite_HEVC_SPS, [&](HevcSpsRecord& s) { editHevcSps(changes_, s, where); });

@@ -162,7 +162,8 @@ uint32_t removeSeiMessages(Codec codec, const uint8_t* unit, uint32_t size, cons
     const size_t n = rbsp.size() - nal::unescape(unit + header, rbsp.data(), size - header);
     // rbsp_trailing_bits: a 0x80 byte with nothing but zero bytes after it.
     auto trailing = [&](size_t at) {
-        return rbsp[at] == 0x80 && std::all_of(rbsp.begin() + at + 1, rbsp.begin() + n, [](uint8_t b) { return b == 0; });
+        return rbsp[at] == 0x80 &&
+               std::all_of(rbsp.begin() + at + 1, rbsp.begin() + n, [](uint8_t b) { return b == 0; });
     };
     // sei_message(): payloadType and payloadSize as runs of 0xFF bytes plus
     // a last byte, then the payload.
