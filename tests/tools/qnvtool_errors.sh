@@ -89,4 +89,32 @@ expect_error "$tool" avcc "$sample"
 expect_error "$tool" avcc --read "$work/noise"
 expect_error "$tool" avcc --read "$work/missing"
 expect_error "$tool" avcc
+expect_error "$tool" edit "$work/missing" "$work/out.265" --aud insert
+expect_error "$tool" edit "$work/text" "$work/out.265" --aud insert
+expect_error "$tool" edit "$work/noise" "$work/out.265" --aud insert --codec hevc
+expect_error "$tool" edit "$sample" "$work/out.265"
+expect_error "$tool" edit "$sample" "$work/out.265" --aud sideways
+expect_error "$tool" edit "$sample" "$work/out.265" --range studio
+expect_error "$tool" edit "$sample" "$work/out.265" --primaries 256
+expect_error "$tool" edit "$sample" "$work/out.265" --sar 0:1
+expect_error "$tool" edit "$sample" "$work/out.265" --sar 16x9
+expect_error "$tool" edit "$sample" "$work/out.265" --fps 0
+expect_error "$tool" edit "$sample" "$work/out.265" --crop 1,0,0,0
+expect_error "$tool" edit "$sample" "$work/out.265" --crop 0,0,0
+expect_error "$tool" edit "$sample" "$work/out.265" --crop 0,0,9000,9000
+expect_error "$tool" edit "$sample" "$work/out.265" --level 1b
+expect_error "$tool" edit "$sample" "$work/out.265" --level 4.15
+expect_error "$tool" edit "$sample" "$work/out.265" --level 7
+expect_error "$tool" edit "$sample" "$work/out.265" --remove-sei 5,,6
+mkdir "$work/folder"
+expect_error "$tool" edit "$sample" "$work/folder" --aud insert
+
+# A failed edit leaves its destination as it was, and no temporary file.
+printf 'kept\n' >"$work/kept.265"
+"$tool" edit "$sample" "$work/kept.265" --crop 1,0,0,0 >/dev/null 2>&1
+[ "$(cat "$work/kept.265")" = kept ] || { echo "edit: a failed edit changed its destination"; fail=1; }
+"$tool" edit "$sample" "$work/folder" --aud insert >/dev/null 2>&1
+[ -z "$(find "$work" -name '.*' ! -name . )" ] || { echo "edit: temporary files left: $(ls -A "$work")"; fail=1; }
+"$tool" edit "$sample" "$work/kept.265" --aud insert >/dev/null 2>&1 || { echo "edit --aud insert failed"; fail=1; }
+[ "$(cat "$work/kept.265")" != kept ] || { echo "edit: the destination was not replaced"; fail=1; }
 exit $fail

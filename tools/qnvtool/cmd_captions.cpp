@@ -20,7 +20,6 @@
 #include <cstdio>
 #include <cstring>
 
-#include "qnvutil/qxutil.h"
 #include "qnvutil/sei.h"
 #include "qnvutil/sei/caption_packet.h"
 #include "tools/qnvtool/access_units.h"

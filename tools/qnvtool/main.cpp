@@ -178,6 +178,38 @@ std::string lastLibraryDebugLine() {
     return log.debugLine;
 }
 
+void replaceFile(const std::string& path, const std::vector<uint8_t>& bytes) {
+    const size_t slash = path.find_last_of('/');
+    const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+    const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+    std::string temporary = folder + (slash == std::string::npos ? "/." : ".") + name + ".XXXXXX";
+    const int fd = mkstemp(temporary.data());
+    if (fd < 0) throw Error(path + ": " + std::strerror(errno));
+    const uint8_t* at = bytes.data();
+    size_t left = bytes.size();
+    int error = 0;
+    while (left > 0 && error == 0) {
+        const ssize_t n = ::write(fd, at, left);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            error = n < 0 ? errno : EIO;
+        } else {
+            at += n;
+            left -= static_cast<size_t>(n);
+        }
+    }
+    // The new file gets the permissions a newly created file would get.
+    const mode_t mask = umask(0);
+    umask(mask);
+    if (error == 0 && fchmod(fd, 0666 & ~mask) != 0) error = errno;
+    if (::close(fd) != 0 && error == 0) error = errno;
+    if (error == 0 && std::rename(temporary.c_str(), path.c_str()) != 0) error = errno;
+    if (error != 0) {
+        std::remove(temporary.c_str());
+        throw Error(path + ": " + std::strerror(error));
+    }
+}
+
 }  // namespace qnvtool
 
 int main(int argc, char** argv) {

@@ -1,0 +1,220 @@
+// qnvtool edit IN OUT [--primaries N] [--transfer N] [--matrix N] [--range tv|pc]
+//                     [--sar W:H] [--level N] [--fps N/D] [--crop L,R,T,B]
+//                     [--aud insert|remove] [--remove-sei TYPE[,TYPE]] [--codec h264|hevc]
+//
+// Rewrites the parameter sets of an H.264 or HEVC Annex B stream through the
+// library's records, inserts or removes access unit delimiters and removes
+// SEI messages; slice units are copied as they stand. Every other unit keeps
+// its bytes and its start code, except that the first unit of an access unit
+// gets the four-byte form the standards ask of it.
+//
+// Access units begin where H.264 7.4.1.2.3 and H.265 7.4.2.4.4 put them: at
+// a delimiter, parameter set or (prefix) SEI after a picture's slices, or at
+// the first slice of the next picture. An inserted delimiter's picture type
+// is the narrowest one that allows the slice types of its picture.
+//
+// The output is written to a temporary file beside OUT and renamed into
+// place; on any failure OUT is left as it was.
+#include <cstdio>
+#include <sstream>
+
+#include "tools/qnvtool/access_units.h"
+#include "tools/qnvtool/annexb.h"
+#include "tools/qnvtool/edit.h"
+#include "tools/qnvtool/tool.h"
+#include "vidformat/ratetext.h"
+
+namespace qnvtool {
+namespace {
+
+struct EditOptions {
+    std::string in, out, codec;
+    std::optional<uint32_t> primaries, transfer, matrix;
+    std::string range, sar, level, fps, crop, aud, removeSei;
+};
+
+// Splits "a<sep>b<sep>..." into unsigned numbers, each at most `limit`.
+std::vector<uint32_t> numbers(const std::string& option, const std::string& text, char separator, size_t count,
+                              uint32_t limit) {
+    std::vector<uint32_t> values;
+    std::stringstream in(text);
+    std::string item;
+    while (std::getline(in, item, separator)) {
+        const bool digits = !item.empty() && item.size() <= 10 && item.find_first_not_of("0123456789") == item.npos;
+        const uint64_t v = digits ? std::stoull(item) : 0;
+        if (!digits || v > limit)
+            throw Error(option + ": '" + item + "' is not a number from 0 to " + std::to_string(limit));
+        values.push_back(static_cast<uint32_t>(v));
+    }
+    if ((count != 0 && values.size() != count) || values.empty() || text.back() == separator)
+        throw Error(option + ": '" + text + "' is not " +
+                    (count == 4 ? "L,R,T,B" : count == 2 ? "W:H" : "a list of numbers"));
+    return values;
+}
+
+EditChanges parseChanges(const EditOptions& o) {
+    EditChanges c;
+    c.primaries = o.primaries;
+    c.transfer = o.transfer;
+    c.matrix = o.matrix;
+    if (!o.range.empty()) c.fullRange = o.range == "pc";
+    if (!o.sar.empty()) {
+        const std::vector<uint32_t> v = numbers("--sar", o.sar, ':', 2, 0xFFFF);
+        if (v[0] == 0 || v[1] == 0) throw Error("--sar: '" + o.sar + "' is not a sample aspect ratio");
+        c.sar = Ratio{v[0], v[1]};
+    }
+    if (!o.level.empty()) c.level = parseLevel(o.level);
+    if (!o.fps.empty()) {
+        Ratio fps{};
+        if (!qnv::RateFromText(o.fps.c_str(), &fps.num, &fps.den))
+            throw Error("--fps: '" + o.fps + "' is not a frame rate (30000/1001, 25 or 29.97)");
+        c.fps = fps;
+    }
+    if (!o.crop.empty()) {
+        const std::vector<uint32_t> v = numbers("--crop", o.crop, ',', 4, 0xFFFF);
+        c.crop = Crop{v[0], v[1], v[2], v[3]};
+    }
+    if (o.aud == "insert") c.aud = AudEdit::kInsert;
+    if (o.aud == "remove") c.aud = AudEdit::kRemove;
+    if (!o.removeSei.empty()) c.removeSei = numbers("--remove-sei", o.removeSei, ',', 0, 0xFFFF);
+    if (!c.sequence() && c.aud == AudEdit::kKeep && c.removeSei.empty())
+        throw Error("edit: no change given (see qnvtool edit --help)");
+    return c;
+}
+
+Codec streamCodec(const std::vector<uint8_t>& data, const std::vector<NalUnit>& units, const EditOptions& o) {
+    if (!o.codec.empty()) return parseCodec(o.codec);
+    if (!startsWithStartCode(data)) throw Error(o.in + ": not an Annex B stream (no start code at the beginning)");
+    const Codec codec = detectCodec(data, units);
+    if (codec == Codec::kUnknown) throw Error(o.in + ": no H.264 or HEVC NAL units found");
+    return codec;
+}
+
+struct Counts {
+    size_t rewritten = 0, inserted = 0, removedAud = 0, removedSei = 0;
+};
+
+void runEdit(const EditOptions& o) {
+    const EditChanges changes = parseChanges(o);
+    const std::vector<uint8_t> data = readFile(o.in);
+    if (data.empty()) throw Error(o.in + ": empty file");
+    const std::vector<NalUnit> units = listUnits(data);
+    const Codec codec = streamCodec(data, units, o);
+    if (units.empty()) throw Error(o.in + ": no NAL units");
+    ParameterSetEditor parameterSets(codec, changes);
+    const bool hevc = codec == Codec::kHevc;
+    const std::vector<AccessUnit> accessUnits =
+        splitAccessUnits(data, hevc ? VideoCodec::kHevc : VideoCodec::kH264);
+
+
+    namespace nal = qnv::nal;
+    const nal::Codec layer = nalCodec(codec);
+    auto isAud = [&](uint32_t t) { return t == (hevc ? nal::hevc::kAud : nal::h264::kAud); };
+    auto isSei = [&](uint32_t t) {
+        return hevc ? t == nal::hevc::kPrefixSei || t == nal::hevc::kSuffixSei : t == nal::h264::kSei;
+    };
+    auto typeOf = [&](const NalUnit& u) { return nal::unitType(layer, data[u.payload]); };
+    auto where = [&](const NalUnit& u, uint32_t type) {
+        return o.in + ": " + nal::typeName(layer, type) + " at offset " + std::to_string(u.offset);
+    };
+
+    std::vector<uint8_t> out, rebuilt;
+    out.reserve(data.size() + accessUnits.size() * 8);
+    out.insert(out.end(), data.begin(), data.begin() + units[0].offset);
+    PictureTypes pictureTypes(codec);
+    Counts counts;
+    size_t next = 0;  // first unit of the current access unit
+    for (const AccessUnit& au : accessUnits) {
+        size_t end = next;
+        bool hasAud = false, hasVcl = false;
+        for (; end < units.size() && units[end].offset < au.offset + au.size; ++end) {
+            const NalUnit& u = units[end];
+            if (u.size == 0) continue;
+            const uint32_t type = typeOf(u);
+            hasAud |= isAud(type);
+            hasVcl |= nal::isVcl(layer, type);
+            if (changes.aud != AudEdit::kInsert) continue;
+            if (nal::isVcl(layer, type)) pictureTypes.noteSlice(data.data() + u.payload, u.size);
+            else pictureTypes.noteParameterSet(data.data() + u.payload, u.size);
+        }
+        bool first = true;
+        if (changes.aud == AudEdit::kInsert) {
+            const std::vector<uint8_t> delimiter = pictureTypes.takeDelimiter();
+            if (!hasAud && hasVcl) {
+                out.insert(out.end(), {0, 0, 0, 1});
+                out.insert(out.end(), delimiter.begin(), delimiter.end());
+                ++counts.inserted;
+                first = false;
+            }
+        }
+        for (; next < end; ++next) {
+            const NalUnit& u = units[next];
+            const size_t following = next + 1 < units.size() ? units[next + 1].offset : data.size();
+            const uint8_t* body = data.data() + u.payload;
+            size_t bodySize = u.size;
+            const uint32_t type = u.size == 0 ? 0xFFFFFFFFu : typeOf(u);
+            if (u.size != 0 && changes.aud == AudEdit::kRemove && isAud(type)) {
+                ++counts.removedAud;
+                continue;
+            }
+            if (u.size != 0 && parameterSets.edits(type)) {
+                const std::vector<uint8_t>& unit = parameterSets.rewrite(body, u.size, where(u, type));
+                body = unit.data();
+                bodySize = unit.size();
+                ++counts.rewritten;
+            } else if (u.size != 0 && !changes.removeSei.empty() && isSei(type)) {
+                const uint32_t removed =
+                    removeSeiMessages(codec, body, u.size, changes.removeSei, rebuilt, where(u, type));
+                counts.removedSei += removed;
+                if (removed != 0 && rebuilt.empty()) continue;  // no message left
+                if (removed != 0) {
+                    body = rebuilt.data();
+                    bodySize = rebuilt.size();
+                }
+            }
+            // The first unit of an access unit has the zero_byte in front.
+            if (first && u.startCode == 3) out.push_back(0);
+            out.insert(out.end(), data.begin() + u.offset, data.begin() + u.payload);
+            out.insert(out.end(), body, body + bodySize);
+            out.insert(out.end(), data.begin() + u.payload + u.size, data.begin() + following);
+            first = false;
+        }
+    }
+    if (changes.sequence() && counts.rewritten == 0)
+        throw Error(o.in + ": no SPS to carry the parameter set changes");
+    replaceFile(o.out, out);
+    std::printf("%zu access units, %s: %zu parameter sets rewritten, %zu delimiters inserted, %zu removed, "
+                "%zu SEI messages removed\n",
+                accessUnits.size(), codecName(codec), counts.rewritten, counts.inserted, counts.removedAud,
+                counts.removedSei);
+}
+
+const Registration kEdit([](CLI::App& app) {
+    auto o = std::make_shared<EditOptions>();
+    CLI::App* sub = app.add_subcommand(
+        "edit", "Change colour, aspect, level, timing and cropping in the parameter sets of an H.264 or HEVC stream, "
+                "insert or remove access unit delimiters, remove SEI messages");
+    sub->add_option("IN", o->in, "H.264 or HEVC Annex B elementary stream")->required();
+    sub->add_option("OUT", o->out, "output stream (replaced whole, or left alone on failure)")->required();
+    sub->add_option("--codec", o->codec, "h264 or hevc (detected from the first units when not given)")
+        ->check(CLI::IsMember({"h264", "hevc"}));
+    sub->add_option("--primaries", o->primaries, "colour_primaries, an ITU-T H.273 code point")
+        ->check(CLI::Range(0, 255));
+    sub->add_option("--transfer", o->transfer, "transfer_characteristics, an ITU-T H.273 code point")
+        ->check(CLI::Range(0, 255));
+    sub->add_option("--matrix", o->matrix, "matrix_coefficients, an ITU-T H.273 code point")
+        ->check(CLI::Range(0, 255));
+    sub->add_option("--range", o->range, "video_full_range_flag: tv (0) or pc (1)")
+        ->check(CLI::IsMember({"tv", "pc"}));
+    sub->add_option("--sar", o->sar, "sample aspect ratio W:H (a Table E-1 aspect_ratio_idc where one matches)");
+    sub->add_option("--level", o->level, "level, as 4.1, 41, 4 or (H.264) 1b");
+    sub->add_option("--fps", o->fps, "VUI timing for N/D frames per second (30000/1001, 25, 29.97)");
+    sub->add_option("--crop", o->crop, "cropping window L,R,T,B in luma samples, multiples of the crop unit");
+    sub->add_option("--aud", o->aud, "insert a delimiter into every access unit that lacks one, or remove all")
+        ->check(CLI::IsMember({"insert", "remove"}));
+    sub->add_option("--remove-sei", o->removeSei, "remove SEI messages of these payloadType values, e.g. 5 or 5,6");
+    sub->callback([o] { runEdit(*o); });
+});
+
+}  // namespace
+}  // namespace qnvtool
