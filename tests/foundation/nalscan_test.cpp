@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "foundation/nalscan/nalscan.h"
-#include "foundation/nalscan/zeropair.h"
+#include "foundation/nalscan/blockscan.h"
 
 using namespace qnv;
 
@@ -104,19 +104,36 @@ TEST(NalScanner, WalkerAnswersAsFindNalUnitAtEachOffset) {
     }
 }
 
-TEST(NalScanner, ZeroPairSearchAgreesWithNaiveSearch) {
+namespace {
+// The chunk filter of each instruction set, compiled for it.
+bool mayPairPortable(const uint8_t* p) { return blockscan::Portable::mayPair(p); }
+#if defined(__x86_64__)
+bool mayPairSse2(const uint8_t* p) { return blockscan::Sse2::mayPair(p); }
+__attribute__((target("avx2"))) bool mayPairAvx2(const uint8_t* p) { return blockscan::Avx2::mayPair(p); }
+__attribute__((target("avx512bw"))) bool mayPairAvx512(const uint8_t* p) { return blockscan::Avx512::mayPair(p); }
+#endif
+}  // namespace
+
+TEST(NalScanner, ChunkFilterMissesNoZeroPair) {
+    // A chunk whose 64 bytes start a zero pair (the last byte counts when it
+    // is 00) must never be passed over.
+    std::vector<std::pair<ScanVariant, bool (*)(const uint8_t*)>> filters = {{ScanVariant::kPortable, mayPairPortable}};
+#if defined(__x86_64__)
+    filters.insert(filters.end(), {{ScanVariant::kSse2, mayPairSse2}, {ScanVariant::kAvx2, mayPairAvx2},
+                                   {ScanVariant::kAvx512, mayPairAvx512}});
+#endif
     std::mt19937 rng(9);
     for (int round = 0; round < 20000; ++round) {
-        std::vector<uint8_t> b(3 + rng() % 300);
-        const unsigned rare = 1 + rng() % 64;
-        for (auto& x : b) x = rng() % rare == 0 ? 0 : static_cast<uint8_t>(1 + rng() % 255);
-        const uint32_t last = static_cast<uint32_t>(b.size() - 2 - rng() % 2);
-        const uint32_t from = static_cast<uint32_t>(rng() % (b.size() + 1));
-        uint32_t expected = kNoZeroPair;
-        for (uint32_t q = from; q <= last && expected == kNoZeroPair; ++q)
-            if (b[q] == 0 && b[q + 1] == 0) expected = q;
-        ASSERT_EQ(FindZeroPair(b.data(), from, last), expected) << round;
-        ASSERT_EQ(FindZeroPairBaseline(b.data(), from, last), expected) << round;
+        uint8_t chunk[64];
+        const unsigned rare = 2 + rng() % 40;
+        for (auto& x : chunk) x = rng() % rare == 0 ? 0 : static_cast<uint8_t>(1 + rng() % 255);
+        bool pair = chunk[63] == 0;
+        for (int j = 0; j < 63; ++j) pair = pair || (chunk[j] == 0 && chunk[j + 1] == 0);
+        if (!pair) continue;
+        for (const auto& [v, mayPair] : filters) {
+            if (!ScanVariantAvailable(v)) continue;
+            ASSERT_TRUE(mayPair(chunk)) << round << " variant " << int(v);
+        }
     }
 }
 
