@@ -1,6 +1,8 @@
 // Bit reader and writer. Multi-bit reads take a byte-wise fast path whenever
 // every bit lies inside the read limit; the bit-by-bit path keeps the exact
-// past-end patterns for all other positions.
+// past-end patterns for all other positions. (The exported readers are
+// defined with their names in parentheses: bitio.h maps calls of them to
+// its inline fast paths.)
 #include "foundation/bitio/bitio.h"
 
 #include <algorithm>
@@ -237,12 +239,12 @@ using namespace qnv;
 
 extern "C" {
 
-uint32_t ReadBit(BitBuffer* bb) {
+uint32_t (ReadBit)(BitBuffer* bb) {
     uint32_t p = bb->bitPos++;
     return p > bb->sizeBits ? kPastEnd : memoryBit(bb, p);
 }
 
-uint32_t ReadBits(BitBuffer* bb, uint32_t n) {
+uint32_t (ReadBits)(BitBuffer* bb, uint32_t n) {
     if (static_cast<int32_t>(n) <= 0) return 0;
     if (n <= 32 && allInMemory(bb, n)) {
         uint32_t v = static_cast<uint32_t>(gather(bb, n));
@@ -271,7 +273,7 @@ uint32_t ReadCodedNumber(BitBuffer* bb) {
     return sum;
 }
 
-uint32_t ReadExponentialGolombCode(void* buffer) {
+uint32_t (ReadExponentialGolombCode)(void* buffer) {
     auto* bb = static_cast<BitBuffer*>(buffer);
     const uint32_t p = bb->bitPos;
     uint32_t zeros = 0;
@@ -312,7 +314,7 @@ uint32_t ReadExponentialGolombCode(void* buffer) {
     return ReadBits(bb, zeros) - 1u + (1u << (zeros & 31));
 }
 
-int32_t ReadExponentialGolombCodeSigned(BitBuffer* bb) {
+int32_t (ReadExponentialGolombCodeSigned)(BitBuffer* bb) {
     uint32_t k = ReadExponentialGolombCode(bb);
     // k even: -(k / 2); k odd: (k + 1) / 2, in 32-bit two's complement.
     return (k & 1) ? static_cast<int32_t>((k >> 1) + 1) : static_cast<int32_t>(0u - (k >> 1));
