@@ -1,8 +1,11 @@
 // Side-by-side timing: a subject and its reference run alternately inside
 // one benchmark, so that both see the same machine state, and the order
-// flips every iteration. The benchmark's time is the subject's; the counter
-// "ratio" is subject time / reference time and "ref_us" the reference's time
-// per iteration. Run with repetitions (bench/run.sh) and read the medians.
+// flips every iteration. The benchmark's time is the subject's; counters:
+//  - "ratio": subject time / reference time over all iterations;
+//  - "ratio_min": the fastest subject iteration / the fastest reference one,
+//    which other work on a shared machine disturbs least;
+//  - "ref_us": the reference's mean time per iteration.
+// Run with repetitions (bench/run.sh) and read the medians.
 #ifndef QNVUTIL_BENCH_RATIO_H
 #define QNVUTIL_BENCH_RATIO_H
 
@@ -17,7 +20,7 @@ namespace bench {
 template <class Setup, class Subject, class Reference>
 void sideBySide(benchmark::State& state, Setup setup, Subject subject, Reference reference) {
     using Clock = std::chrono::steady_clock;
-    double subjectSeconds = 0, referenceSeconds = 0;
+    double subjectSeconds = 0, referenceSeconds = 0, subjectMin = 1e30, referenceMin = 1e30;
     bool subjectFirst = true;
     auto timed = [&](auto& fn) {
         setup();
@@ -39,9 +42,12 @@ void sideBySide(benchmark::State& state, Setup setup, Subject subject, Reference
         subjectFirst = !subjectFirst;
         subjectSeconds += s;
         referenceSeconds += r;
+        subjectMin = s < subjectMin ? s : subjectMin;
+        referenceMin = r < referenceMin ? r : referenceMin;
         state.SetIterationTime(s);
     }
     state.counters["ratio"] = referenceSeconds > 0 ? subjectSeconds / referenceSeconds : 0;
+    state.counters["ratio_min"] = referenceMin > 0 && referenceMin < 1e30 ? subjectMin / referenceMin : 0;
     state.counters["ref_us"] = benchmark::Counter(referenceSeconds * 1e6 / double(state.iterations()));
 }
 

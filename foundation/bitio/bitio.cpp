@@ -331,6 +331,21 @@ void WriteBits(void* buffer, uint32_t n, int32_t value) {
     auto* bb = static_cast<BitBuffer*>(buffer);
     if (static_cast<int32_t>(n) <= 0) return;
     uint32_t v = static_cast<uint32_t>(value);
+    // Up to 32 bits into a known buffer with eight bytes at the position:
+    // one read-modify-write of those bytes, the bits around left as they are.
+    const uint32_t index = bb->bitPos >> 3;
+    if (n <= 32 && bb->sizeBytes >= 8 && index <= bb->sizeBytes - 8) {
+        uint64_t w;
+        std::memcpy(&w, bb->data + index, sizeof w);
+        w = __builtin_bswap64(w);
+        const uint32_t shift = 64 - (bb->bitPos & 7) - n;  // at least 25
+        const uint64_t mask = ((uint64_t(1) << n) - 1) << shift;
+        w = (w & ~mask) | ((uint64_t(v) << shift) & mask);
+        w = __builtin_bswap64(w);
+        std::memcpy(bb->data + index, &w, sizeof w);
+        bb->bitPos += n;
+        return;
+    }
     for (; n > 32; --n) putBit(bb, v >> 31);  // above 32 bits: value's sign
     if ((bb->bitPos & 7) == 0 && n == 8) {
         uint32_t index = bb->bitPos >> 3;

@@ -3,7 +3,6 @@
 #include <initializer_list>
 #include <new>
 
-#include "foundation/bitio/bitio.h"
 #include "foundation/nalscan/blockscan.h"
 
 namespace qnv {
@@ -40,13 +39,16 @@ using Kernels = NalUnitWalker::Kernels;
 // The kernels of one instruction set, each compiled for it.
 #define QNV_SCAN_KERNELS(Isa, attributes)                                                                  \
     attributes UnitBounds unit##Isa(const uint8_t* buf, uint32_t size) { return findUnit<Isa>(buf, size); } \
+    attributes uint32_t code##Isa(const uint8_t* buf, uint32_t from, uint32_t size) {                     \
+        return findFirst<Isa, false>(buf, from, size);                                                  \
+    }                                                                                                   \
     attributes uint64_t ends##Isa(const uint8_t* buf, uint64_t base, uint32_t size) {                     \
         return blockHits<Isa, true>(buf, base, size);                                                   \
     }                                                                                                   \
     attributes Block next##Isa(const uint8_t* buf, uint64_t base, uint32_t size) {                        \
         return nextBlock<Isa>(buf, base, size);                                                         \
     }                                                                                                   \
-    constexpr Kernels k##Isa{unit##Isa, ends##Isa, next##Isa};
+    constexpr Kernels k##Isa{unit##Isa, code##Isa, ends##Isa, next##Isa};
 
 QNV_SCAN_KERNELS(Portable, [[gnu::flatten]])
 #if defined(__x86_64__)
@@ -88,18 +90,22 @@ UnitBounds FindUnitBounds(const uint8_t* buf, uint32_t size) {
     return unit(buf, size);
 }
 
+uint32_t FindStartCode(const uint8_t* buf, uint32_t from, uint32_t size) {
+    static const auto code = best()->code;
+    return code(buf, from, size);
+}
+
 const Kernels* NalUnitWalker::ScanKernels() { return best(); }
 
 const Kernels* NalUnitWalker::ScanKernels(ScanVariant v) { return variant(v); }
 
 int32_t read_nal_unit(h264_stream_t* h, const uint8_t* unit, uint32_t size) {
-    uint8_t header[3] = {0, 0, 0};  // two header bytes and the reader's spare byte
-    for (uint32_t i = 0; i < 2 && i < size; ++i) header[i] = unit[i];
-    BitBuffer bb = bitReader(header, 2);
-    h->nal.forbidden_zero_bit = static_cast<int32_t>(ReadBits(&bb, 1));
-    h->nal.nal_unit_type = static_cast<int32_t>(ReadBits(&bb, 6));
-    h->nal.nuh_layer_id = static_cast<int32_t>(ReadBits(&bb, 6));
-    h->nal.nuh_temporal_id = static_cast<int32_t>(ReadBits(&bb, 3)) - 1;
+    // Two header bytes, MSB first; bytes missing from a short unit read as 0.
+    const uint32_t b0 = size > 0 ? unit[0] : 0, b1 = size > 1 ? unit[1] : 0;
+    h->nal.forbidden_zero_bit = static_cast<int32_t>(b0 >> 7);
+    h->nal.nal_unit_type = static_cast<int32_t>((b0 >> 1) & 63);
+    h->nal.nuh_layer_id = static_cast<int32_t>((b0 & 1) << 5 | b1 >> 3);
+    h->nal.nuh_temporal_id = static_cast<int32_t>(b1 & 7) - 1;
     return static_cast<int32_t>(size);
 }
 

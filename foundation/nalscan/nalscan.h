@@ -42,6 +42,10 @@ struct UnitBounds {
 constexpr UnitBounds kNoUnit{1, 0};
 UnitBounds FindUnitBounds(const uint8_t* buf, uint32_t size);
 
+// The first j >= from with buf[j, j + 3) = 00 00 01 and j + 2 < size, or
+// size when there is none.
+uint32_t FindStartCode(const uint8_t* buf, uint32_t from, uint32_t size);
+
 // Finds the next NAL unit in buf[0, size):
 //  - size < 4: the whole buffer is one unit (start 0, end size), result size;
 //  - no 00 00 01 start code: result 0, *nal_start and *nal_end untouched;
@@ -79,6 +83,16 @@ public:
 
     UnitBounds find(uint32_t offset) {
         if (size_ < uint64_t(offset) + 4) return UnitBounds{offset, size_};  // also: past the end, no unit
+        const uint64_t start = findStart(offset);
+        if (start > size_) return kNoUnit;
+        return UnitBounds{start, first<false>(start)};
+    }
+
+    // The start find(offset) reports, without looking for the unit's end;
+    // above size when there is no unit. For fewer than 4 bytes from offset,
+    // offset itself.
+    uint64_t findStart(uint32_t offset) {
+        if (size_ < uint64_t(offset) + 4) return offset;
         // A walk mostly asks at a start code; finding it by branch lets the
         // search for the end start at once.
         const uint8_t* p = buf_ + offset;
@@ -89,15 +103,16 @@ public:
             code = offset + 1;
         } else {
             code = first<true>(offset);
-            if (code >= size_) return kNoUnit;
+            if (code >= size_) return size_ + 1;
         }
-        return UnitBounds{code + 3, first<false>(code + 3)};
+        return code + 3;
     }
 
     // One instruction set's scans (blockscan.h): a unit for find_nal_unit,
     // the ends of the block at base, and the next block with a zero pair.
     struct Kernels {
         UnitBounds (*unit)(const uint8_t* buf, uint32_t size);
+        uint32_t (*code)(const uint8_t* buf, uint32_t from, uint32_t size);
         uint64_t (*ends)(const uint8_t* buf, uint64_t base, uint32_t size);
         blockscan::Block (*next)(const uint8_t* buf, uint64_t base, uint32_t size);
     };

@@ -184,6 +184,28 @@ TEST(BitWriter, RandomCodesReadBack) {
     }
 }
 
+TEST(BitWriter, WordWritesMatchBitByBitWrites) {
+    // With a known size, WriteBits writes whole words when eight bytes lie at
+    // the position; the bytes must be those of the bit-by-bit writes.
+    std::mt19937 rng(13);
+    for (int round = 0; round < 3000; ++round) {
+        std::vector<uint8_t> fast(24), model(24);
+        for (size_t i = 0; i < fast.size(); ++i) fast[i] = model[i] = static_cast<uint8_t>(rng());
+        const uint32_t sizeBytes = 1 + rng() % 24;
+        BitBuffer f{fast.data(), sizeBytes, 0, static_cast<uint32_t>(rng() % 160)};
+        BitBuffer m{model.data(), sizeBytes, 0, f.bitPos};
+        for (int k = 0; k < 6; ++k) {
+            const uint32_t n = rng() % 40;
+            const int32_t v = static_cast<int32_t>(rng());
+            WriteBits(&f, n, v);
+            for (uint32_t i = n; i > 32; --i) WriteBit(&m, static_cast<uint8_t>(uint32_t(v) >> 31));
+            for (uint32_t i = std::min(n, 32u); i > 0; --i) WriteBit(&m, static_cast<uint8_t>(uint32_t(v) >> (i - 1)));
+        }
+        ASSERT_EQ(fast, model) << round;
+        ASSERT_EQ(f.bitPos, m.bitPos);
+    }
+}
+
 TEST(BitBuffer, MemoryGuardKeepsAccessInsideSizeBytes) {
     uint8_t data[4] = {0xFF, 0xFF, 0xEE, 0xEE};
     BitBuffer bb{data, 2, 20, 12};
