@@ -53,6 +53,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         auto* doc = new tinyxml2::XMLDocument;
         doc->Parse(text);
         MediaCmdFromXML(back, nullptr, doc);
+        // The size read back keeps the fixed part and never grows.
+        if (back->StructSize > structSize || back->StructSize < std::min(structSize, MEDIACMD_DATA_OFFSET))
+            __builtin_trap();
         std::free(back);
         MediaCmdFreeXMLString(&text);
     }

@@ -21,7 +21,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     auto first = std::make_unique<MediaCmd>();
     MediaCmdFromXMLString(first.get(), &tcType, xml.c_str());
-    if (first->StructSize > sizeof(MediaCmd)) __builtin_trap();
+    if (first->StructSize > sizeof(MediaCmd) || first->StructSize < MEDIACMD_DATA_OFFSET) __builtin_trap();
     __dbgout_mediacmd(first.get());
 
     char* text = nullptr;

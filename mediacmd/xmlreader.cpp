@@ -139,6 +139,11 @@ private:
     // guard: every write into the data area stays below the StructSize the
     // record had on entry, whatever sizes the text claims.
     uint64_t room(uint64_t offset) const { return offset < entrySize_ ? entrySize_ - offset : 0; }
+    // guard: a StructSize from the text keeps at least the fixed part and
+    // never claims more bytes than the record was handed in with.
+    uint32_t boundedSize(uint64_t size) const {
+        return static_cast<uint32_t>(std::min<uint64_t>(std::max<uint64_t>(size, MEDIACMD_DATA_OFFSET), entrySize_));
+    }
     // guard: single bytes go only into the data area; offsets in the header
     // or past the end are refused.
     void poke(uint64_t offset, char value) {
@@ -172,8 +177,7 @@ private:
         readValue(child("CmdID"), &cmd_->CmdID);
         if (const XMLElement* e = child("StructSize")) {
             readValue(e, &cmd_->StructSize);
-            // guard: the record never claims more bytes than it was handed in with.
-            cmd_->StructSize = std::min(cmd_->StructSize, entrySize_);
+            cmd_->StructSize = boundedSize(cmd_->StructSize);
         }
         readValue(child("Channel"), &cmd_->Channel);
     }
@@ -249,8 +253,9 @@ private:
         const XMLElement* e = child("ClipID");
         if (e == nullptr) return;
         if (const char* clip = e->GetText()) {
+            // A data area of 9 bytes or less takes one character less than it holds.
             uint32_t data = cmd_->StructSize - 76;
-            copyText(76, clip, data <= 9 ? uint32_t(cmd_->StructSize - 77) : 8u);
+            copyText(76, clip, data > 9 ? 8u : data > 0 ? data - 1 : 0u);
             cmd_->Flags |= cfUseClipID;
         } else {
             poke(76, '\0');
@@ -279,7 +284,8 @@ private:
         if (hex == nullptr) hex = "";
         // guard: no more bytes than the record has room for; digits past the
         // end of the text read as 0, as its terminator does.
-        uint64_t count = std::min<uint64_t>(n > 0 ? uint64_t(n) : 0, room(76));
+        const uint64_t length = n > 0 ? uint64_t(n) : 0;
+        uint64_t count = std::min(length, room(76));
         size_t available = std::strlen(hex);
         auto digit = [&](uint64_t i) -> uint8_t {
             if (i >= available) return 0;
@@ -288,7 +294,7 @@ private:
         };
         for (uint64_t i = 0; i < count; ++i)
             bytes()[76 + i] = static_cast<char>(digit(2 * i) << 4 | digit(2 * i + 1));
-        cmd_->StructSize = std::min(static_cast<uint32_t>(n) + 76u, entrySize_);
+        cmd_->StructSize = boundedSize(length + 76);
         cmd_->Flags |= cfUseClipID;
     }
 

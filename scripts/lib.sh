@@ -34,3 +34,11 @@ configure_build() {
     cmake -S "$QNV_ROOT" -B "$dir" "$@" >/dev/null
     cmake --build "$dir" -j "$QNV_JOBS"
 }
+
+# clang and its sanitizer runtimes, for the libFuzzer targets.
+QNV_FUZZ_PACKAGES=(clang libclang-rt-14-dev)
+
+# build_fuzzers: configures and builds the libFuzzer targets in build-fuzz.
+build_fuzzers() {
+    CC=clang CXX=clang++ configure_build "$QNV_ROOT/build-fuzz" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQNV_FUZZ=ON
+}

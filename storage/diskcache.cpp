@@ -1,4 +1,6 @@
 // Read-ahead cache in front of a caller's file handle.
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <thread>
@@ -21,7 +23,7 @@ inline void copyBytes(uint8_t* destination, const uint8_t* source, uint32_t coun
 }  // namespace
 
 CQxDiskCache::CQxDiskCache()
-    : handle(nullptr),
+    : handle(QX_INVALID_FILE),
       rawBuffer(nullptr),
       cacheData(nullptr),
       cacheSize(0),
@@ -50,9 +52,6 @@ uint32_t CQxDiskCache::SetHandleAndCacheSize(QXFILE newHandle, uint32_t newCache
         cacheSize = 0;
         return 0xFFFFFFFFu;
     }
-    // A read that passes the end of the file may copy buffer bytes that no
-    // refill wrote; they are zero rather than old heap contents.
-    std::memset(rawBuffer, 0, newCacheSize + kSlack);
     cacheData = reinterpret_cast<uint8_t*>((reinterpret_cast<uintptr_t>(rawBuffer) + kMemoryAlign - 1) &
                                            ~(kMemoryAlign - 1));
     cacheSize = newCacheSize;
@@ -64,6 +63,9 @@ uint32_t CQxDiskCache::Read(uint8_t* destination, uint64_t position, uint32_t si
     uint32_t ignored = 0;
     if (bytesRead == nullptr) bytesRead = &ignored;
     *bytesRead = 0;
+    // guard: a cache without a handle reads nothing (a null handle would be
+    // standard input)
+    if (handle == QX_INVALID_FILE) return EBADF;
 
     // guard: a cache smaller than 4096 bytes takes no request but empty ones
     // (cacheSize - 4096 would wrap and let requests overrun the buffer)
@@ -138,7 +140,13 @@ uint32_t CQxDiskCache::Read(uint8_t* destination, uint64_t position, uint32_t si
     }
 
     cachedEnd = cachedStart + got;
-    copyBytes(destination + *bytesRead, cacheData + (at - cachedStart), needed);
+    // guard: the refill may end before the request does (it counts from its
+    // boundary, the request from `at`); bytes past what it brought are zero,
+    // never what an earlier refill left in the buffer.
+    const uint64_t skip = at - cachedStart;
+    const uint32_t valid = got > skip ? static_cast<uint32_t>(std::min<uint64_t>(got - skip, needed)) : 0;
+    copyBytes(destination + *bytesRead, cacheData + skip, valid);
+    if (valid < needed) std::memset(destination + *bytesRead + valid, 0, needed - valid);
     *bytesRead = size;
     return lastError;
 }

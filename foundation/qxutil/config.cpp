@@ -7,9 +7,14 @@
 //       <string name="Label">text</string>
 //       <string name="Blob" encoding="hex">00FF</string>
 //     </key>
+//     <key path="4B0D" pathencoding="hex">
+//       <dword name="0D" nameencoding="hex">1</dword>
+//     </key>
 //   </qnvconfig>
-// Texts with control characters or bytes above 126 are stored as hex so that
-// the file stays well-formed XML and every byte comes back.
+// Texts, key paths and value names with control characters or bytes above
+// 126, and texts of spaces alone, are stored as hex, so that the file stays
+// well-formed XML and every byte comes back.
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -18,6 +23,7 @@
 #include <tinyxml2.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -25,22 +31,21 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "qnvutil/qxutil.h"
 
 namespace {
 
-bool sameName(const std::string& a, const char* b) {
-    size_t n = std::strlen(b);
-    if (a.size() != n) return false;
-    for (size_t i = 0; i < n; ++i) {
-        unsigned char x = static_cast<unsigned char>(a[i]), y = static_cast<unsigned char>(b[i]);
-        if (x >= 'A' && x <= 'Z') x = static_cast<unsigned char>(x + 32);
-        if (y >= 'A' && y <= 'Z') y = static_cast<unsigned char>(y + 32);
-        if (x != y) return false;
-    }
-    return true;
+// Key paths and value names match ignoring ASCII case: the lookup tables
+// are keyed by this form.
+std::string folded(std::string_view name) {
+    std::string out(name);
+    for (char& c : out)
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c + 32);
+    return out;
 }
 
 struct Value {
@@ -53,44 +58,53 @@ struct Value {
 struct Key {
     std::string path;
     std::vector<Value> values;
+    std::unordered_map<std::string, size_t> byName;  // folded name -> index in values
 };
 
 struct Store {
     std::vector<Key> keys;
+    std::unordered_map<std::string, size_t> byPath;  // folded path -> index in keys
 
-    Value* find(const char* key, const char* name) {
-        for (Key& k : keys) {
-            if (!sameName(k.path, key)) continue;
-            for (Value& v : k.values)
-                if (sameName(v.name, name)) return &v;
-        }
-        return nullptr;
+    Key* findKey(const std::string& path) {
+        auto it = byPath.find(folded(path));
+        return it == byPath.end() ? nullptr : &keys[it->second];
     }
 
-    Value& insert(const char* key, const char* name) {
-        if (Value* v = find(key, name)) return *v;
-        Key* target = nullptr;
-        for (Key& k : keys)
-            if (sameName(k.path, key)) target = &k;
-        if (target == nullptr) {
-            keys.push_back(Key{key, {}});
-            target = &keys.back();
-        }
-        target->values.push_back(Value{name, false, 0, {}});
-        return target->values.back();
+    Value* find(const std::string& path, const std::string& name) {
+        Key* k = findKey(path);
+        if (k == nullptr) return nullptr;
+        auto it = k->byName.find(folded(name));
+        return it == k->byName.end() ? nullptr : &k->values[it->second];
     }
 
-    bool erase(const char* key, const char* name) {
-        for (Key& k : keys) {
-            if (!sameName(k.path, key)) continue;
-            for (auto it = k.values.begin(); it != k.values.end(); ++it) {
-                if (sameName(it->name, name)) {
-                    k.values.erase(it);
-                    return true;
-                }
-            }
+    // The value, added (with the spelling given) when missing.
+    Value& insert(const std::string& path, const std::string& name) {
+        Key* k = findKey(path);
+        if (k == nullptr) {
+            byPath.emplace(folded(path), keys.size());
+            k = &keys.emplace_back(Key{path, {}, {}});
         }
-        return false;
+        auto [it, added] = k->byName.emplace(folded(name), k->values.size());
+        if (added) k->values.push_back(Value{name, false, 0, {}});
+        return k->values[it->second];
+    }
+
+    bool erase(const std::string& path, const std::string& name) {
+        Key* k = findKey(path);
+        if (k == nullptr) return false;
+        auto it = k->byName.find(folded(name));
+        if (it == k->byName.end()) return false;
+        const size_t gone = it->second;
+        k->values.erase(k->values.begin() + static_cast<std::ptrdiff_t>(gone));
+        k->byName.erase(it);
+        for (auto& entry : k->byName)
+            if (entry.second > gone) --entry.second;
+        return true;
+    }
+
+    void clear() {
+        keys.clear();
+        byPath.clear();
     }
 };
 
@@ -103,8 +117,8 @@ struct Change {
     std::string text;
 
     bool applyTo(Store& s) const {
-        if (kind == kErase) return s.erase(key.c_str(), name.c_str());
-        Value& v = s.insert(key.c_str(), name.c_str());
+        if (kind == kErase) return s.erase(key, name);
+        Value& v = s.insert(key, name);
         v.isDword = kind == kDword;
         v.dword = dword;
         v.text = kind == kText ? text : std::string();
@@ -114,7 +128,9 @@ struct Change {
 
 enum class Loaded { kOk, kMissing, kCorrupt, kUnreadable };
 
-std::mutex g_lock;  // guards the tables below and serialises writers in this process
+// Guards the tables below; never held while a file is read or written (the
+// file locks order the writers, threads included).
+std::mutex g_lock;
 std::set<std::string> g_reported;
 struct OpenStore {
     std::string file;
@@ -143,14 +159,34 @@ std::string dirOf(const std::string& file) {
 }
 
 void reportOnce(const std::string& file, const char* why) {
-    if (g_reported.insert(file).second)
-        ErrOut("qxCFG: configuration store %s %s; it reads as empty", file.c_str(), why);
+    bool first;
+    {
+        std::lock_guard guard(g_lock);
+        first = g_reported.insert(file).second;
+    }
+    if (first) ErrOut("qxCFG: configuration store %s %s; it reads as empty", file.c_str(), why);
 }
 
+// Control characters and bytes above 126 cannot stand in XML as they are, and
+// a text of spaces alone is dropped by the parser: such texts go as hex.
 bool needsHex(const std::string& text) {
-    for (unsigned char c : text)
+    bool spacesOnly = !text.empty();
+    for (unsigned char c : text) {
         if (c < 0x20 || c > 0x7E) return true;
-    return false;
+        if (c != ' ') spacesOnly = false;
+    }
+    return spacesOnly;
+}
+
+std::string toHex(const std::string& bytes) {
+    static const char kHex[] = "0123456789ABCDEF";
+    std::string hex;
+    hex.reserve(bytes.size() * 2);
+    for (unsigned char c : bytes) {
+        hex.push_back(kHex[c >> 4]);
+        hex.push_back(kHex[c & 15]);
+    }
+    return hex;
 }
 
 std::optional<std::string> fromHex(const char* hex) {
@@ -171,32 +207,46 @@ std::optional<std::string> fromHex(const char* hex) {
     return out;
 }
 
+// A text as stored: hex when the marking attribute says so.
+std::optional<std::string> decoded(const char* text, const tinyxml2::XMLElement* e, const char* marker) {
+    if (text == nullptr) return std::nullopt;
+    const char* encoding = e->Attribute(marker);
+    if (encoding != nullptr && std::strcmp(encoding, "hex") == 0) return fromHex(text);
+    return std::string(text);
+}
+
+// Sets the attribute, as hex (marked by `marker`) when it needs to be.
+void setEncoded(tinyxml2::XMLElement* e, const char* attribute, const char* marker, const std::string& text) {
+    if (!needsHex(text)) {
+        e->SetAttribute(attribute, text.c_str());
+        return;
+    }
+    e->SetAttribute(attribute, toHex(text).c_str());
+    e->SetAttribute(marker, "hex");
+}
+
 bool parse(const std::string& bytes, Store& out) {
     tinyxml2::XMLDocument doc;
     if (doc.Parse(bytes.data(), bytes.size()) != tinyxml2::XML_SUCCESS) return false;
     const tinyxml2::XMLElement* root = doc.RootElement();
     if (root == nullptr || std::strcmp(root->Name(), "qnvconfig") != 0) return false;
     for (auto* k = root->FirstChildElement("key"); k != nullptr; k = k->NextSiblingElement("key")) {
-        const char* path = k->Attribute("path");
-        if (path == nullptr) return false;
+        auto path = decoded(k->Attribute("path"), k, "pathencoding");
+        if (!path) return false;
         for (auto* v = k->FirstChildElement(); v != nullptr; v = v->NextSiblingElement()) {
-            const char* name = v->Attribute("name");
-            if (name == nullptr) return false;
+            auto name = decoded(v->Attribute("name"), v, "nameencoding");
+            if (!name) return false;
             const char* text = v->GetText() != nullptr ? v->GetText() : "";
             if (std::strcmp(v->Name(), "dword") == 0) {
                 char* end = nullptr;
                 errno = 0;
                 unsigned long value = std::strtoul(text, &end, 10);
                 if (errno != 0 || end == text || *end != '\0' || value > 0xFFFFFFFFul) return false;
-                Change{Change::kDword, path, name, static_cast<uint32_t>(value), {}}.applyTo(out);
+                Change{Change::kDword, *path, *name, static_cast<uint32_t>(value), {}}.applyTo(out);
             } else if (std::strcmp(v->Name(), "string") == 0) {
-                std::string value = text;
-                if (const char* enc = v->Attribute("encoding"); enc != nullptr && std::strcmp(enc, "hex") == 0) {
-                    auto decoded = fromHex(text);
-                    if (!decoded) return false;
-                    value = *decoded;
-                }
-                Change{Change::kText, path, name, 0, value}.applyTo(out);
+                auto value = decoded(text, v, "encoding");
+                if (!value) return false;
+                Change{Change::kText, *path, *name, 0, *value}.applyTo(out);
             }
         }
     }
@@ -204,7 +254,7 @@ bool parse(const std::string& bytes, Store& out) {
 }
 
 Loaded load(const std::string& file, Store& out) {
-    out.keys.clear();
+    out.clear();
     int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) return errno == ENOENT || errno == ENOTDIR ? Loaded::kMissing : Loaded::kUnreadable;
     std::string bytes;
@@ -221,7 +271,7 @@ Loaded load(const std::string& file, Store& out) {
     }
     ::close(fd);
     if (!parse(bytes, out)) {
-        out.keys.clear();
+        out.clear();
         return Loaded::kCorrupt;
     }
     return Loaded::kOk;
@@ -244,22 +294,16 @@ std::string print(const Store& s) {
     for (const Key& k : s.keys) {
         if (k.values.empty()) continue;
         auto* key = doc.NewElement("key");
-        key->SetAttribute("path", k.path.c_str());
+        setEncoded(key, "path", "pathencoding", k.path);
         root->InsertEndChild(key);
         for (const Value& v : k.values) {
             auto* e = doc.NewElement(v.isDword ? "dword" : "string");
-            e->SetAttribute("name", v.name.c_str());
+            setEncoded(e, "name", "nameencoding", v.name);
             if (v.isDword) {
                 e->SetText(v.dword);
             } else if (needsHex(v.text)) {
-                static const char kHex[] = "0123456789ABCDEF";
-                std::string hex;
-                for (unsigned char c : v.text) {
-                    hex.push_back(kHex[c >> 4]);
-                    hex.push_back(kHex[c & 15]);
-                }
                 e->SetAttribute("encoding", "hex");
-                e->SetText(hex.c_str());
+                e->SetText(toHex(v.text).c_str());
             } else if (!v.text.empty()) {
                 e->SetText(v.text.c_str());
             }
@@ -279,15 +323,57 @@ bool makeDirs(const std::string& dir) {
     return ::mkdir(dir.c_str(), 0777) == 0 || errno == EEXIST;
 }
 
+// Follows symbolic links from `file` to the file they end at, so that a
+// write replaces the target and keeps the links. False for a loop.
+bool followLinks(std::string& file) {
+    for (int depth = 0; depth < 40; ++depth) {
+        struct stat st;
+        if (::lstat(file.c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) return true;
+        char target[PATH_MAX];
+        ssize_t n = ::readlink(file.c_str(), target, sizeof target);
+        // guard: a target that fills the buffer may have been cut
+        if (n < 0 || static_cast<size_t>(n) >= sizeof target) return false;
+        std::string next(target, static_cast<size_t>(n));
+        file = next[0] == '/' ? next : dirOf(file) + "/" + next;
+    }
+    return false;
+}
+
+// Removes the "<name>.tmpXXXXXX" files next to `file`. Writers make them only
+// under the write lock, so while it is held they are what writers that died
+// mid-write left behind.
+void removeStaleTemporaries(const std::string& file) {
+    const std::string dir = dirOf(file);
+    const std::string prefix = file.substr(file.rfind('/') + 1) + ".tmp";
+    DIR* d = ::opendir(dir.c_str());
+    if (d == nullptr) return;
+    while (const dirent* e = ::readdir(d)) {
+        std::string_view name(e->d_name);
+        if (name.size() == prefix.size() + 6 && name.substr(0, prefix.size()) == prefix)
+            ::unlinkat(::dirfd(d), e->d_name, 0);
+    }
+    ::closedir(d);
+}
+
 // Writes the file through a flushed temporary and a rename, so that readers
-// see either the old or the new store, never a part of one.
+// see either the old or the new store, never a part of one. The new file
+// keeps the old one's mode and, where permitted, its owner.
 bool saveAtomically(const std::string& file, const Store& s) {
     std::string bytes = print(s);
+    struct stat old;
+    const bool replacing = ::stat(file.c_str(), &old) == 0;
     std::string tmp = file + ".tmpXXXXXX";
     int fd = ::mkstemp(tmp.data());
     if (fd < 0) return false;
-    ::fchmod(fd, 0644);
     bool ok = true;
+    if (replacing) {
+        // Only a privileged writer can give the file to another user;
+        // anyone else's copy becomes theirs, as any rewrite would.
+        if (old.st_uid != ::geteuid() || old.st_gid != ::getegid()) (void)::fchown(fd, old.st_uid, old.st_gid);
+        ok = ::fchmod(fd, old.st_mode & 07777) == 0;
+    } else {
+        ok = ::fchmod(fd, 0644) == 0;
+    }
     for (size_t done = 0; ok && done < bytes.size();) {
         ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
         if (n < 0 && errno == EINTR) continue;
@@ -309,17 +395,52 @@ bool saveAtomically(const std::string& file, const Store& s) {
     return true;
 }
 
-// Re-reads the file and applies `changes` to it under an exclusive lock on
-// "<file>.lock", which serialises writers across processes.
-uint32_t commit(const std::string& file, const std::vector<Change>& changes, bool* existed) {
-    if (!makeDirs(dirOf(file))) return QXCFG_FAILED;
-    std::string lockName = file + ".lock";
-    int lockFd = ::open(lockName.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-    if (lockFd < 0) return QXCFG_FAILED;
-    while (::flock(lockFd, LOCK_EX) != 0 && errno == EINTR) {
+// flock that waits through signals; false on any other failure.
+bool lockFile(int fd, int operation) {
+    while (::flock(fd, operation) != 0)
+        if (errno != EINTR) return false;
+    return true;
+}
+
+// Exclusive, fair access to a store file for one writer among threads and
+// processes. A writer holds "<file>.queue" shared while it waits for
+// "<file>.lock"; after its write it waits until it can hold the queue
+// exclusively, that is until every writer that was waiting has had its turn.
+// Without that pause the writer that just released the lock takes it again
+// before the sleeping ones wake, and the others starve.
+class WriteLock {
+public:
+    explicit WriteLock(const std::string& file)
+        : queue_(::open((file + ".queue").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644)),
+          lock_(::open((file + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {
+        held_ = queue_ >= 0 && lock_ >= 0 && lockFile(queue_, LOCK_SH) && lockFile(lock_, LOCK_EX) &&
+                lockFile(queue_, LOCK_UN);
     }
+    ~WriteLock() {
+        if (held_) {
+            ::flock(lock_, LOCK_UN);
+            lockFile(queue_, LOCK_EX);  // the pause only orders writers: its failure changes nothing
+        }
+        if (lock_ >= 0) ::close(lock_);
+        if (queue_ >= 0) ::close(queue_);
+    }
+    WriteLock(const WriteLock&) = delete;
+    WriteLock& operator=(const WriteLock&) = delete;
+    bool held() const { return held_; }
+
+private:
+    int queue_, lock_;
+    bool held_ = false;
+};
+
+// Re-reads the file and applies `changes` to it under the write lock. A
+// symbolic link is written through to the file it names.
+uint32_t commit(std::string file, const std::vector<Change>& changes, bool* existed) {
+    if (!makeDirs(dirOf(file)) || !followLinks(file)) return QXCFG_FAILED;
+    WriteLock lock(file);
+    if (!lock.held()) return QXCFG_FAILED;
+    removeStaleTemporaries(file);
     Store current;
-    uint32_t result = 0;
     switch (load(file, current)) {
         case Loaded::kCorrupt:
             reportOnce(file, "cannot be parsed");
@@ -327,19 +448,13 @@ uint32_t commit(const std::string& file, const std::vector<Change>& changes, boo
             break;
         case Loaded::kUnreadable:
             reportOnce(file, "cannot be read");
-            result = QXCFG_FAILED;
-            break;
+            return QXCFG_FAILED;
         default: break;
     }
-    if (result == 0) {
-        bool found = true;
-        for (const Change& c : changes) found = c.applyTo(current);
-        if (existed != nullptr) *existed = found;
-        if (!saveAtomically(file, current)) result = QXCFG_FAILED;
-    }
-    ::flock(lockFd, LOCK_UN);
-    ::close(lockFd);
-    return result;
+    bool found = true;
+    for (const Change& c : changes) found = c.applyTo(current);
+    if (existed != nullptr) *existed = found;
+    return saveAtomically(file, current) ? 0u : QXCFG_FAILED;
 }
 
 std::string defaultFile() { return configDir() + "/default.xml"; }
@@ -347,12 +462,12 @@ std::string defaultFile() { return configDir() + "/default.xml"; }
 // Runs one change on a store: the default store commits it at once, an
 // opened store records it in its private copy.
 uint32_t change(QXCFG store, const Change& c) {
-    std::lock_guard guard(g_lock);
     if (store == QXCFG_DEFAULT) {
         bool existed = true;
         uint32_t r = commit(defaultFile(), {c}, &existed);
         return r != 0 ? r : existed ? 0u : QXCFG_MISSING;
     }
+    std::lock_guard guard(g_lock);
     auto it = g_open.find(store);
     if (it == g_open.end()) return QXCFG_BADHANDLE;
     if (!c.applyTo(it->second.copy)) return QXCFG_MISSING;
@@ -363,17 +478,15 @@ uint32_t change(QXCFG store, const Change& c) {
 // Looks a value up; calls `use` with it under the lock.
 template <typename Use>
 uint32_t lookup(QXCFG store, const char* key, const char* name, Use use) {
-    std::lock_guard guard(g_lock);
-    Store fresh;
-    Store* s = &fresh;
     if (store == QXCFG_DEFAULT) {
+        Store fresh;
         loadForReading(defaultFile(), fresh);
-    } else {
-        auto it = g_open.find(store);
-        if (it == g_open.end()) return QXCFG_BADHANDLE;
-        s = &it->second.copy;
+        return use(fresh.find(key, name));
     }
-    return use(s->find(key, name));
+    std::lock_guard guard(g_lock);
+    auto it = g_open.find(store);
+    if (it == g_open.end()) return QXCFG_BADHANDLE;
+    return use(it->second.copy.find(key, name));
 }
 
 }  // namespace
@@ -382,7 +495,6 @@ extern "C" {
 
 QXCFG qxCFGOpen(const char* name, uint32_t) {
     if (name == nullptr || *name == '\0') return 0;
-    std::lock_guard guard(g_lock);
     OpenStore open;
     open.file = resolve(name);
     Loaded state = load(open.file, open.copy);
@@ -391,18 +503,23 @@ QXCFG qxCFGOpen(const char* name, uint32_t) {
         return 0;
     }
     if (state == Loaded::kCorrupt) reportOnce(open.file, "cannot be parsed");
+    std::lock_guard guard(g_lock);
     QXCFG handle = g_nextHandle++;
     g_open.emplace(handle, std::move(open));
     return handle;
 }
 
 void qxCFGClose(QXCFG store, uint32_t keep) {
-    std::lock_guard guard(g_lock);
-    auto it = g_open.find(store);
-    if (it == g_open.end()) return;
-    if (keep != 0 && !it->second.changes.empty() && commit(it->second.file, it->second.changes, nullptr) != 0)
-        ErrOut("qxCFG: could not save configuration store %s", it->second.file.c_str());
-    g_open.erase(it);
+    OpenStore closing;
+    {
+        std::lock_guard guard(g_lock);
+        auto it = g_open.find(store);
+        if (it == g_open.end()) return;
+        closing = std::move(it->second);
+        g_open.erase(it);
+    }
+    if (keep != 0 && !closing.changes.empty() && commit(closing.file, closing.changes, nullptr) != 0)
+        ErrOut("qxCFG: could not save configuration store %s", closing.file.c_str());
 }
 
 uint32_t qxCFGValueDword(QXCFG store, const char* key, const char* name, uint32_t* value, uint32_t write) {

@@ -6,8 +6,16 @@
  * The record is copied byte for byte between processes: its layout, offsets
  * included, is fixed (little-endian, 4-byte packing, 4188 bytes in full).
  * The bytes from offset 76 up to StructSize form the data area: clip ID and
- * file name, or the payload of a get/set value command. Every function that
- * reads or writes the data area stays below StructSize.
+ * file name, or the payload of a get/set value command.
+ *
+ * Record sizes the functions need:
+ *  - initMediaCmd and MediaCmdFromXMLString (which starts with initMediaCmd)
+ *    need a full 4188-byte record, whatever its StructSize says;
+ *  - every other function that takes a record needs its first 76 bytes (the
+ *    fixed part) and reads or writes the data area only below StructSize;
+ *    MediaCmdFromXML bounds it by the StructSize the record has on entry.
+ * A StructSize that the XML readers take from the text stays between 76 and
+ * the StructSize on entry.
  */
 #ifndef QNVUTIL_MEDIACMD_H
 #define QNVUTIL_MEDIACMD_H
@@ -676,7 +684,8 @@ QNV_API uint32_t fourccToUpper(uint32_t fourcc);
 QNV_API uint32_t MediaCmdToXMLString(char** text, MediaCmd* cmd, uint32_t tcType);
 /* Releases *text (when not null) and sets it to null; returns 0. */
 QNV_API uint32_t MediaCmdFreeXMLString(char** text);
-/* Resets cmd (initMediaCmd with ctStop), then reads the XML text into it.
+/* Resets cmd (initMediaCmd with ctStop), then reads the XML text into it;
+   cmd must be a full 4188-byte record.
    tcType (null: drop-frame) is the timecode type of position texts that name
    no numeric type. Returns MEDIACMD_XML_OK or one of the codes above. */
 QNV_API uint32_t MediaCmdFromXMLString(MediaCmd* cmd, uint32_t* tcType, const char* xml);
@@ -687,7 +696,7 @@ QNV_API uint32_t MediaCmdToXML(tinyxml2::XMLDocument* document, MediaCmd* cmd, u
 /* Reads `document` into a prepared record (flags are added to Flags) and
    deletes the document on every path. Whatever sizes the text claims, writes
    into the data area stay below the StructSize the record has on entry, and
-   StructSize never grows past that value. */
+   StructSize stays between 76 and that value. */
 QNV_API uint32_t MediaCmdFromXML(MediaCmd* cmd, uint32_t* tcType, tinyxml2::XMLDocument* document);
 #endif
 

@@ -71,7 +71,14 @@ QNV_API void QxSetLogSink(QxLogSink sink, void* context);
  * once: under an exclusive lock on "<file>.lock" the file is re-read, changed,
  * written to a temporary file, flushed to disk and renamed over the old one,
  * so several threads and processes may write at once and a crash never leaves
- * a half-written store.
+ * a half-written store. Temporary files of writers that died are removed
+ * under the lock. Writers take turns through "<file>.queue": under contention
+ * each waits until the writers that were waiting before it have written. The
+ * new file keeps the old one's mode (a new store is 0644) and, where the
+ * writer may set it, its owner; when the store is a symbolic link, the file
+ * it names is replaced and the link kept. Key paths, value names and texts
+ * may hold any bytes but NUL (texts even NUL): what XML cannot carry as it
+ * is goes into the file as hex.
  *
  * qxCFGOpen opens a store kept in another file (a relative name resolves
  * against the same folder). Reads and writes go to a private copy taken at
@@ -83,7 +90,8 @@ QNV_API void QxSetLogSink(QxLogSink sink, void* context);
  * not be parsed first moves that file aside to "<file>.corrupt".
  *
  * Results: 0 on success, QXCFG_MISSING when the key or value does not exist
- * (or has the other type), QXCFG_FAILED when the file could not be written,
+ * (or has the other type), QXCFG_FAILED when the file could not be locked or
+ * written,
  * QXCFG_BADHANDLE for a handle that is not open, QXCFG_BADARG for null
  * arguments.
  */

@@ -47,8 +47,9 @@ class XMLElement;
  *  - The refill compares the bytes it read, counted from its 4096-byte
  *    boundary, with the bytes the request still needs, counted from the
  *    continuing position: a request that passes the end of the file by less
- *    than that distance succeeds, and its bytes beyond the end are whatever
- *    the cache buffer held there (zero in a new buffer).
+ *    than that distance succeeds, and its bytes beyond the end are zero.
+ *  - A cache without a handle (a new object, or QX_INVALID_FILE given) reads
+ *    nothing: the result is EBADF.
  *
  * Copies are shallow by design: the copy constructor and operator= copy
  * every field, the buffer pointer included, without allocating. The copy and

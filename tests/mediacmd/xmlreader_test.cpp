@@ -138,7 +138,13 @@ TEST(MediaCmdReader, AddressesSitOneBytePastTheTerminator) {
 }
 
 TEST(MediaCmdReader, HostileSizesStayInsideTheRecord) {
-    EXPECT_EQ(read("<StructSize Value='100000'/>").StructSize, 4188u);
+    // A StructSize read or derived from the text stays between the data
+    // area's offset and the size the record came in with.
+    const std::pair<const char*, uint32_t> sizes[] = {
+        {"<StructSize Value='100000'/>", 4188}, {"<StructSize Value='-1'/>", 4188},
+        {"<StructSize Value='0'/>", 76},        {"<arbID length='-1'>AA</arbID>", 76},
+        {"<arbID length='0'/>", 76},            {"<arbID length='2147483647'/>", 4188}};
+    for (auto [xml, want] : sizes) EXPECT_EQ(read(xml).StructSize, want) << xml;
     // A heap record of exactly 4188 bytes, so that any stray byte is caught.
     auto c = std::make_unique<MediaCmd>();
     std::string big(20000, '7');
@@ -150,10 +156,10 @@ TEST(MediaCmdReader, HostileSizesStayInsideTheRecord) {
     xml = "<MediaCmd><prev Value='-1'/><StructSize Value='3'/><ClipID>" + big + "</ClipID><FileName>" + big +
           "</FileName></MediaCmd>";
     EXPECT_EQ(MediaCmdFromXMLString(c.get(), nullptr, xml.c_str()), 0u);
-    EXPECT_EQ(c->StructSize, 3u);
+    EXPECT_EQ(c->StructSize, 76u);
     EXPECT_EQ(std::pair(reinterpret_cast<uintptr_t>(c->prev), c->CmdID), std::pair(uintptr_t(0xFFFFFFFF), MEDIACMD_ID))
         << "the header is not overwritten";
-    EXPECT_EQ(c->FileName[4102], 0);
+    EXPECT_EQ(std::pair(c->ClipID[0], c->FileName[4102]), std::pair('\0', '\0')) << "no data area, nothing copied";
     // A record handed in smaller than the text's data: nothing past its end.
     auto* small = static_cast<MediaCmd*>(::operator new(90));
     std::memset(small, 0, 90);

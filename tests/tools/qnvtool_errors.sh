@@ -28,6 +28,39 @@ expect_error() {
         fail=1
     fi
 }
+# expect_message TEXT COMMAND...: as expect_error, and the line holds TEXT.
+expect_message() {
+    text=$1
+    shift
+    expect_error "$@"
+    grep -qF -- "$text" "$work/err" || { echo "'$*': no '$text' in: $(cat "$work/err")"; fail=1; }
+}
+expect_message "$work: Is a directory" "$tool" nals "$work"
+# An H.264 P slice reads as an HEVC VPS: the library's complaint joins the
+# tool's one line, or comes on its own line with --verbose.
+printf '\000\000\000\001\147\102\000\036\253\100\000\000\000\001\101\232\022\064\126\170' >"$work/p.264"
+expect_message "(library: Vps Reserved bits" "$tool" hvcc "$work/p.264"
+"$tool" hvcc "$work/p.264" --verbose 2>"$work/err"
+grep -q "^qnvtool: library: Vps Reserved bits" "$work/err" && [ "$(wc -l <"$work/err")" -eq 2 ] ||
+    { echo "hvcc --verbose: $(cat "$work/err")"; fail=1; }
+printf '<a><ClipList FileName="x"/></a>\n' >"$work/other.xml"
+expect_message "no ClipList, EdlList or Settings" "$tool" project show "$work/other.xml"
+
+# Text from a project file reaches the terminal without control characters,
+# and a project comes through a FIFO as a stream does.
+printf '<ClipList FileName="&#27;]0;title&#7;" Data="a"/><Settings s="&#x1b;[2J&#x9b;1m"/>\n' >"$work/project.xml"
+mkfifo "$work/fifo"
+cat "$work/project.xml" >"$work/fifo" &
+writer=$!
+"$tool" project show "$work/fifo" >"$work/out" 2>"$work/err" || { echo "project show on a FIFO: $(cat "$work/err")"; fail=1; }
+kill "$writer" 2>/dev/null  # still waiting for a reader when the tool did not open the FIFO
+grep -q '^  s = \\x1B\[2J\\xC2\\x9B1m$' "$work/out" || { echo "project show: setting not escaped"; fail=1; }
+if LC_ALL=C grep -q "$(printf '[\001-\011\013-\037\177]')" "$work/out"; then
+    echo "project show printed control characters:"
+    od -c "$work/out" | head
+    fail=1
+fi
+
 expect_error "$tool" nals "$work/missing"
 expect_error "$tool" nals "$work/empty"
 expect_error "$tool" nals "$work/text"

@@ -170,35 +170,6 @@ void appendAnnexB(const uint8_t* frame, uint32_t size, std::vector<uint8_t>& out
 
 // ---- The command ------------------------------------------------------------
 
-// Collects the library's diagnostics while a stream is processed, so that a
-// failure stays one line and a warning repeated for every access unit is
-// reported once.
-class LibraryLog {
-public:
-    LibraryLog() { QxSetLogSink(&LibraryLog::collect, this); }
-    ~LibraryLog() { QxSetLogSink(nullptr, nullptr); }
-    LibraryLog(const LibraryLog&) = delete;
-    LibraryLog& operator=(const LibraryLog&) = delete;
-
-    std::string last() const { return lines_.empty() ? std::string() : lines_.back().first; }
-    void reportWarnings() const {
-        for (const auto& [line, count] : lines_)
-            std::fprintf(stderr, "qnvtool: warning: %s (%zu times)\n", line.c_str(), count);
-    }
-
-private:
-    static void collect(uint32_t, const char* line, void* context) {
-        auto& lines = static_cast<LibraryLog*>(context)->lines_;
-        for (auto& entry : lines)
-            if (entry.first == line) {
-                ++entry.second;
-                return;
-            }
-        lines.emplace_back(line, 1);
-    }
-    std::vector<std::pair<std::string, size_t>> lines_;
-};
-
 void runCaptions(const CaptionsOptions& o) {
     std::vector<uint8_t> data = readFile(o.in);
     if (data.empty()) throw Error(o.in + ": empty file");
@@ -211,10 +182,10 @@ void runCaptions(const CaptionsOptions& o) {
     std::vector<uint8_t> out, buffer;
     out.reserve(data.size() + units.size() * 80);
     size_t captioned = 0;
-    LibraryLog log;
     for (size_t i = 0; i < packets.size(); ++i) {
         if (qnv::validateCaptionPacket(packets[i].data(), static_cast<uint32_t>(packets[i].size())) == 0) continue;
-        const std::string reason = log.last();
+        const std::vector<LibraryComplaint> complaints = takeLibraryComplaints();
+        const std::string reason = complaints.empty() ? std::string() : complaints.back().line;
         throw Error("caption packet " + std::to_string(i) + " is invalid" + (reason.empty() ? "" : ": " + reason));
     }
     for (size_t i = 0; i < units.size(); ++i) {
@@ -259,7 +230,6 @@ void runCaptions(const CaptionsOptions& o) {
         captioned += inserted ? 1 : 0;
     }
     writeFile(o.out, out);
-    log.reportWarnings();
     std::printf("%zu access units, %zu with captions, %s\n", units.size(), captioned, videoCodecName(codec));
 }
 

@@ -120,10 +120,6 @@ struct ReadOptions {
     std::string file, tcType = "drop-frame";
 };
 
-void collectDebugLine(uint32_t level, const char* line, void* context) {
-    if (level == QX_LOG_DEBUG) static_cast<std::string*>(context)->assign(line);
-}
-
 std::string flagNames(uint32_t flags) {
     std::string names;
     for (uint32_t bit = 1; bit != 0; bit <<= 1) {
@@ -149,10 +145,8 @@ void runRead(const ReadOptions& o) {
         std::snprintf(code, sizeof code, "0x%08X", result);
         throw Error(std::string(o.file == "-" ? "standard input" : o.file) + ": no MediaCmd element (result " + code + ")");
     }
-    std::string debugLine;
-    QxSetLogSink(collectDebugLine, &debugLine);
     __dbgout_mediacmd(c.get());
-    QxSetLogSink(nullptr, nullptr);
+    const std::string debugLine = printable(lastLibraryDebugLine());
 
     const uint32_t f = c->Flags;
     const char* cmdName = qnv::commandName(c->Cmd);
@@ -179,8 +173,8 @@ void runRead(const ReadOptions& o) {
         std::printf("%-14s %d (%s)\n", (std::string(positions[i].first) + ":").c_str(), positions[i].second, tc);
     }
     if (f & cfUseClipID) {
-        std::printf("ClipID:        %.8s\n", c->ClipID);
-        std::printf("FileName:      %.*s\n", int(sizeof c->FileName), c->FileName);
+        std::printf("ClipID:        %s\n", printable({c->ClipID, ::strnlen(c->ClipID, 8)}).c_str());
+        std::printf("FileName:      %s\n", printable({c->FileName, ::strnlen(c->FileName, sizeof c->FileName)}).c_str());
     }
 }
 

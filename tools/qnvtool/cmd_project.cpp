@@ -36,7 +36,7 @@ void showFile(const std::string& xml, const tinyxml2::XMLElement* element, const
     }
     const char* data = element->Attribute("Data");
     std::string text = data != nullptr ? data : "";
-    std::cout << name << "\n";
+    std::cout << printable(name) << "\n";
     std::cout << "  embedded: " << text.size() << " bytes, " << countLines(text) << " lines\n";
 
     char beside[QX_MAX_PATH];
@@ -44,24 +44,26 @@ void showFile(const std::string& xml, const tinyxml2::XMLElement* element, const
     if (qxOSFileExists(name))
         std::cout << "  file: present\n";
     else if (qxOSFileExists(beside))
-        std::cout << "  file: next to the project, " << beside << "\n";
+        std::cout << "  file: next to the project, " << printable(beside) << "\n";
     else if (!text.empty() || recreatedWithoutData)
-        std::cout << "  file: missing; loading recreates " << beside << "\n";
+        std::cout << "  file: missing; loading recreates " << printable(beside) << "\n";
     else
         std::cout << "  file: missing; nothing embedded to recreate it from\n";
 }
 
 void runShow(const std::string& file) {
+    // Read here rather than by the document, which takes regular files only.
+    const std::vector<uint8_t> bytes = readFile(file);
     tinyxml2::XMLDocument document;
-    tinyxml2::XMLError error = document.LoadFile(file.c_str());
-    if (error == tinyxml2::XML_ERROR_FILE_NOT_FOUND || error == tinyxml2::XML_ERROR_FILE_COULD_NOT_BE_OPENED ||
-        error == tinyxml2::XML_ERROR_FILE_READ_ERROR)
-        throw Error(file + ": cannot read the file");
+    tinyxml2::XMLError error = document.Parse(reinterpret_cast<const char*>(bytes.data()), bytes.size());
     if (error != tinyxml2::XML_SUCCESS)
         throw Error(file + ": not a project document (" + tinyxml2::XMLDocument::ErrorIDToName(error) + " at line " +
                     std::to_string(document.ErrorLineNum()) + ")");
     const tinyxml2::XMLElement* clips = document.FirstChildElement("ClipList");
-    std::cout << "project: " << file << "\n";
+    if (clips == nullptr && document.FirstChildElement("EdlList") == nullptr &&
+        document.FirstChildElement("Settings") == nullptr)
+        throw Error(file + ": not a project document (no ClipList, EdlList or Settings element)");
+    std::cout << "project: " << printable(file) << "\n";
     showFile(file, clips, "clip file", "FileName", false);
     // Without a clip list the loader does not look at the EDL.
     showFile(file, document.FirstChildElement("EdlList"), "EDL", "EdlName", clips != nullptr);
@@ -74,7 +76,7 @@ void runShow(const std::string& file) {
     std::cout << "settings: " << count << "\n";
     for (const tinyxml2::XMLAttribute* a = settings != nullptr ? settings->FirstAttribute() : nullptr; a != nullptr;
          a = a->Next())
-        std::cout << "  " << a->Name() << " = " << a->Value() << "\n";
+        std::cout << "  " << printable(a->Name()) << " = " << printable(a->Value()) << "\n";
 }
 
 const Registration kProject([](CLI::App& app) {

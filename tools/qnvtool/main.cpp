@@ -1,11 +1,17 @@
 // qnvtool: command-line access to qnvUtil.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <iostream>
-#include <iterator>
+#include <mutex>
+#include <utility>
 
+#include "qnvutil/qxutil.h"
 #include "tools/qnvtool/tool.h"
 
 namespace qnvtool {
@@ -15,15 +21,102 @@ std::vector<std::function<void(CLI::App&)>>& registry() {
     static std::vector<std::function<void(CLI::App&)>> setups;
     return setups;
 }
+
+// What the library wrote through its log sink during the run.
+struct LibraryLog {
+    std::mutex lock;
+    bool verbose = false;
+    std::vector<LibraryComplaint> complaints;
+    std::string debugLine;
+};
+LibraryLog& libraryLog() {
+    static LibraryLog log;
+    return log;
+}
+
+void collect(uint32_t level, const char* line, void* context) {
+    auto& log = *static_cast<LibraryLog*>(context);
+    std::lock_guard hold(log.lock);
+    if (level == QX_LOG_DEBUG) {
+        log.debugLine = line;
+        return;
+    }
+    if (log.verbose) {
+        std::fprintf(stderr, "qnvtool: library: %s\n", printable(line).c_str());
+        return;
+    }
+    for (auto& c : log.complaints)
+        if (c.line == line) {
+            ++c.count;
+            return;
+        }
+    log.complaints.push_back({line, 1});
+}
+
+std::string counted(const LibraryComplaint& c) {
+    return c.count > 1 ? c.line + " (" + std::to_string(c.count) + " times)" : c.line;
+}
+
+// The error line: the message, then the library's complaints that led to it.
+std::string errorLine(const std::string& message) {
+    std::string line = message;
+    const std::vector<LibraryComplaint> complaints = takeLibraryComplaints();
+    constexpr size_t kShown = 3;
+    for (size_t i = 0; i < complaints.size() && i < kShown; ++i)
+        line += (i == 0 ? " (library: " : "; ") + counted(complaints[i]);
+    if (complaints.size() > kShown) line += "; " + std::to_string(complaints.size() - kShown) + " more";
+    if (!complaints.empty()) line += ")";
+    return printable(line);
+}
+
+// Length of the UTF-8 sequence at text[i], 0 when the bytes there are not one.
+size_t utf8Length(std::string_view text, size_t i) {
+    const auto byte = [&](size_t k) { return i + k < text.size() ? static_cast<unsigned char>(text[i + k]) : 0u; };
+    const unsigned lead = byte(0);
+    if (lead < 0x80) return 1;
+    size_t n;
+    unsigned low = 0x80, high = 0xBF;  // range of the second byte
+    if (lead >= 0xC2 && lead <= 0xDF) n = 2;
+    else if (lead >= 0xE0 && lead <= 0xEF) n = 3, low = lead == 0xE0 ? 0xA0 : 0x80, high = lead == 0xED ? 0x9F : 0xBF;
+    else if (lead >= 0xF0 && lead <= 0xF4) n = 4, low = lead == 0xF0 ? 0x90 : 0x80, high = lead == 0xF4 ? 0x8F : 0xBF;
+    else return 0;
+    if (byte(1) < low || byte(1) > high) return 0;
+    for (size_t k = 2; k < n; ++k)
+        if (byte(k) < 0x80 || byte(k) > 0xBF) return 0;
+    return n;
+}
 }  // namespace
 
 Registration::Registration(std::function<void(CLI::App&)> setup) { registry().push_back(std::move(setup)); }
 
 std::vector<uint8_t> readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) throw Error(path + ": " + std::strerror(errno));
-    std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    if (in.bad()) throw Error(path + ": read error");
+    const auto failure = [&](int error) { return Error(path + ": " + std::strerror(error)); };
+    int fd;
+    do {
+        fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    } while (fd < 0 && errno == EINTR);
+    if (fd < 0) throw failure(errno);
+    struct stat st;
+    if (::fstat(fd, &st) != 0 || S_ISDIR(st.st_mode)) {
+        int error = S_ISDIR(st.st_mode) ? EISDIR : errno;
+        ::close(fd);
+        throw failure(error);
+    }
+    std::vector<uint8_t> bytes;
+    if (S_ISREG(st.st_mode)) bytes.reserve(static_cast<size_t>(st.st_size));
+    uint8_t chunk[65536];
+    for (;;) {
+        ssize_t n = ::read(fd, chunk, sizeof chunk);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) {
+            int error = errno;
+            ::close(fd);
+            throw failure(error);
+        }
+        if (n == 0) break;
+        bytes.insert(bytes.end(), chunk, chunk + n);
+    }
+    ::close(fd);
     return bytes;
 }
 
@@ -34,12 +127,49 @@ void writeFile(const std::string& path, const std::vector<uint8_t>& bytes) {
     if (!out.flush()) throw Error(path + ": write error");
 }
 
+std::string printable(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    for (size_t i = 0; i < text.size();) {
+        const auto lead = static_cast<unsigned char>(text[i]);
+        const size_t n = utf8Length(text, i);
+        const bool control = lead < 0x20 || lead == 0x7F || (n == 2 && lead == 0xC2 && uint8_t(text[i + 1]) < 0xA0);
+        if (n != 0 && !control) {
+            out.append(text.substr(i, n));
+            i += n;
+            continue;
+        }
+        for (size_t k = 0; k < (n != 0 ? n : 1); ++k) {
+            char hex[5];
+            std::snprintf(hex, sizeof hex, "\\x%02X", static_cast<unsigned char>(text[i + k]));
+            out += hex;
+        }
+        i += n != 0 ? n : 1;
+    }
+    return out;
+}
+
+std::vector<LibraryComplaint> takeLibraryComplaints() {
+    LibraryLog& log = libraryLog();
+    std::lock_guard hold(log.lock);
+    return std::exchange(log.complaints, {});
+}
+
+std::string lastLibraryDebugLine() {
+    LibraryLog& log = libraryLog();
+    std::lock_guard hold(log.lock);
+    return log.debugLine;
+}
+
 }  // namespace qnvtool
 
 int main(int argc, char** argv) {
     CLI::App app{"qnvtool: timecode, video-format and elementary-stream utilities", "qnvtool"};
     app.require_subcommand(1);
+    app.fallthrough();  // --verbose after the subcommand too
+    app.add_flag("-v,--verbose", qnvtool::libraryLog().verbose, "print the library's complaints as they come");
     for (auto& setup : qnvtool::registry()) setup(app);
+    QxSetLogSink(qnvtool::collect, &qnvtool::libraryLog());
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp&) {
@@ -53,14 +183,13 @@ int main(int argc, char** argv) {
         std::string message = e.what();
         for (char& c : message)
             if (c == '\n') c = ' ';
-        std::fprintf(stderr, "qnvtool: %s (see qnvtool --help)\n", message.c_str());
+        std::fprintf(stderr, "qnvtool: %s (see qnvtool --help)\n", qnvtool::printable(message).c_str());
         return 2;
-    } catch (const qnvtool::Error& e) {
-        std::fprintf(stderr, "qnvtool: %s\n", e.what());
-        return 1;
     } catch (const std::exception& e) {
-        std::fprintf(stderr, "qnvtool: %s\n", e.what());
+        std::fprintf(stderr, "qnvtool: %s\n", qnvtool::errorLine(e.what()).c_str());
         return 1;
     }
+    for (const auto& c : qnvtool::takeLibraryComplaints())
+        std::fprintf(stderr, "qnvtool: warning: %s\n", qnvtool::printable(qnvtool::counted(c)).c_str());
     return 0;
 }

@@ -8,6 +8,7 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace qnvtool {
@@ -24,10 +25,28 @@ struct Registration {
     explicit Registration(std::function<void(CLI::App&)> setup);
 };
 
-// Whole file; throws Error when it cannot be read.
+// Whole file (a pipe or FIFO too); throws Error naming the path and the
+// reason when it cannot be read.
 std::vector<uint8_t> readFile(const std::string& path);
 // Writes (replacing) a file; throws Error on failure.
 void writeFile(const std::string& path, const std::vector<uint8_t>& bytes);
+
+// Text from input, safe to show on a terminal: control characters (C0, DEL
+// and C1) and bytes that are not UTF-8 are shown as \xHH.
+std::string printable(std::string_view text);
+
+// The library's diagnostics go to one sink for the whole run. With --verbose
+// each complaint is printed as it comes; otherwise complaints are kept: a
+// failing command's error line ends with them, and after a command that
+// succeeds they are printed as warnings (each line once, counted).
+struct LibraryComplaint {
+    std::string line;
+    size_t count;
+};
+// Takes the complaints kept so far, so that nobody reports them again.
+std::vector<LibraryComplaint> takeLibraryComplaints();
+// The last line the library wrote to its debug output ("" when none).
+std::string lastLibraryDebugLine();
 
 }  // namespace qnvtool
 
