@@ -16,6 +16,13 @@
 #include "bench/streams.h"
 #include "foundation/nalscan/nalscan.h"
 
+#if defined(QNV_BENCH_AVCODEC)
+// libavcodec's start-code search (exported for its own libraries, not in
+// the installed headers): the next 00 00 01 xx after p, with the last four
+// bytes seen in *state.
+extern "C" const uint8_t* avpriv_find_start_code(const uint8_t* p, const uint8_t* end, uint32_t* state);
+#endif
+
 namespace {
 
 uint32_t walk(const std::vector<uint8_t>& f) {
@@ -117,6 +124,27 @@ void unitCounts(benchmark::internal::Benchmark* b) {
     for (int codeBytes : {3, 4})
         for (int units : {8, 64, 512, 4096, 32768}) b->Args({units, codeBytes});
 }
+#if defined(QNV_BENCH_AVCODEC)
+uint32_t avcodecWalk(const std::vector<uint8_t>& f) {
+    const uint8_t* p = f.data();
+    const uint8_t* end = f.data() + f.size();
+    uint32_t units = 0, state = ~0u;
+    while (p < end) {
+        p = avpriv_find_start_code(p, end, &state);
+        if ((state & 0xFFFFFF00u) == 0x100u) ++units;
+    }
+    return units;
+}
+
+void BM_WalkerVsAvcodec(benchmark::State& state) {
+    const auto f = bench::annexBFrame(static_cast<size_t>(state.range(0)), static_cast<uint32_t>(state.range(1)));
+    bench::sideBySide(
+        state, [] {}, [&] { benchmark::DoNotOptimize(walkerWalk(f)); },
+        [&] { benchmark::DoNotOptimize(avcodecWalk(f)); });
+}
+BENCHMARK(BM_WalkerVsAvcodec)->Apply(unitCounts)->UseManualTime()->Unit(benchmark::kMicrosecond);
+#endif
+
 void largeUnits(benchmark::internal::Benchmark* b) {
     for (int codeBytes : {3, 4})
         for (int units : {8, 64}) b->Args({units, codeBytes});
