@@ -28,7 +28,8 @@ constexpr uint32_t kBlock = 64;
 //  - thirds<kOrZero>(p): bit j set when p[j + 2] is 01 (kOrZero: 00 or 01);
 //  - mayPair(p): false only when no two 00 bytes in a row start in
 //    p[0, 64); it reads p[0, 64) alone (lanes shifted by one byte: the last
-//    byte of a lane counts as a pair whenever it is 00).
+//    byte of a lane counts as a pair whenever it is 00); mayPair2(p) the same
+//    for p[0, 128).
 // pairs and thirds read p[0, 66).
 
 // Bytes without any SIMD extension (other processors).
@@ -49,6 +50,7 @@ struct Portable {
             if (p[j] == 0 && (j == kBlock - 1 || p[j + 1] == 0)) return true;
         return false;
     }
+    static bool mayPair2(const uint8_t* p) { return mayPair(p) || mayPair(p + kBlock); }
 };
 
 #if defined(__x86_64__)
@@ -76,6 +78,7 @@ struct Sse2 {
                                        _mm_min_epu8(lanePairs(load(p + 32)), lanePairs(load(p + 48))));
         return _mm_movemask_epi8(_mm_cmpeq_epi8(m, _mm_setzero_si128())) != 0;
     }
+    static inline bool mayPair2(const uint8_t* p) { return mayPair(p) || mayPair(p + kBlock); }
 };
 
 struct Avx2 {
@@ -107,6 +110,11 @@ struct Avx2 {
         const __m256i m = _mm256_min_epu8(lanePairs(load(p)), lanePairs(load(p + 32)));
         return _mm256_movemask_epi8(_mm256_cmpeq_epi8(m, _mm256_setzero_si256())) != 0;
     }
+    __attribute__((target("avx2"))) static inline bool mayPair2(const uint8_t* p) {
+        const __m256i m = _mm256_min_epu8(_mm256_min_epu8(lanePairs(load(p)), lanePairs(load(p + 32))),
+                                          _mm256_min_epu8(lanePairs(load(p + 64)), lanePairs(load(p + 96))));
+        return _mm256_movemask_epi8(_mm256_cmpeq_epi8(m, _mm256_setzero_si256())) != 0;
+    }
 };
 
 struct Avx512 {
@@ -119,9 +127,16 @@ struct Avx512 {
         const __m512i v = _mm512_loadu_si512(p + 2), one = _mm512_set1_epi8(1);
         return kOrZero ? _mm512_cmple_epu8_mask(v, one) : _mm512_cmpeq_epi8_mask(v, one);
     }
+    __attribute__((target("avx512bw"))) static inline __m512i lanePairs(const uint8_t* p) {
+        const __m512i v = _mm512_loadu_si512(p);
+        return _mm512_or_si512(v, _mm512_bsrli_epi128(v, 1));
+    }
     __attribute__((target("avx512bw"))) static inline bool mayPair(const uint8_t* p) {
-        __m512i v = _mm512_loadu_si512(p);
-        v = _mm512_or_si512(v, _mm512_bsrli_epi128(v, 1));
+        const __m512i v = lanePairs(p);
+        return _mm512_testn_epi8_mask(v, v) != 0;
+    }
+    __attribute__((target("avx512bw"))) static inline bool mayPair2(const uint8_t* p) {
+        const __m512i v = _mm512_min_epu8(lanePairs(p), lanePairs(p + kBlock));
         return _mm512_testn_epi8_mask(v, v) != 0;
     }
 };
@@ -135,6 +150,8 @@ template <class Isa>
 inline uint64_t skipToPair(const uint8_t* data, uint64_t pos, uint32_t size) {
     if (pos + kBlock > size || Isa::mayPair(data + pos)) return pos;
     uint64_t q = pos + kBlock - (reinterpret_cast<uintptr_t>(data + pos) & (kBlock - 1));
+    for (; q + 2 * kBlock <= size; q += 2 * kBlock)
+        if (Isa::mayPair2(data + q)) return Isa::mayPair(data + q) ? q : q + kBlock;
     for (; q + kBlock <= size; q += kBlock)
         if (Isa::mayPair(data + q)) return q;
     return q;

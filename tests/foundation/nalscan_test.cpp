@@ -1,6 +1,7 @@
 // NAL unit scanner: start and end reporting, and HEVC header parsing.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <random>
 #include <tuple>
 #include <vector>
@@ -77,7 +78,7 @@ TEST(NalScanner, EveryVariantAgreesWithNaiveSearch) {
     }
 }
 
-TEST(NalScanner, WalkerAnswersAsFindNalUnitAtEachOffset) {
+TEST(NalScanner, WalkerAndStartCodeSearchAnswerAsFindNalUnitAtEachOffset) {
     std::mt19937 rng(6);
     for (int round = 0; round < 3000; ++round) {
         // Any alignment of the buffer: the walker's blocks follow addresses.
@@ -94,6 +95,9 @@ TEST(NalScanner, WalkerAnswersAsFindNalUnitAtEachOffset) {
                 int32_t start = -1, end = -1;
                 const int32_t n = find_nal_unit(b + offset, size - offset, &start, &end);
                 const UnitBounds u = walker.find(offset);
+                uint32_t code = offset;  // the first 00 00 01 from offset on, as FindStartCode gives it
+                while (code + 2 < size && !(b[code] == 0 && b[code + 1] == 0 && b[code + 2] == 1)) ++code;
+                ASSERT_EQ(FindStartCode(b, offset, size), code + 2 < size ? code : size) << round;
                 ASSERT_EQ(u.found(), n != 0 || end >= 0) << round;
                 if (u.found()) {
                     ASSERT_EQ(std::tuple(u.start, u.end), std::tuple(offset + start, offset + end)) << round;
@@ -105,12 +109,20 @@ TEST(NalScanner, WalkerAnswersAsFindNalUnitAtEachOffset) {
 }
 
 namespace {
-// The chunk filter of each instruction set, compiled for it.
-bool mayPairPortable(const uint8_t* p) { return blockscan::Portable::mayPair(p); }
+// The chunk filters of each instruction set, compiled for it: one chunk, and
+// the second chunk through the two-chunk filter with a first chunk of FF.
+template <class Isa>
+bool both(const uint8_t* p) {
+    uint8_t two[128];
+    std::memset(two, 0xFF, 64);
+    std::memcpy(two + 64, p, 64);
+    return Isa::mayPair(p) && Isa::mayPair2(two);
+}
+bool mayPairPortable(const uint8_t* p) { return both<blockscan::Portable>(p); }
 #if defined(__x86_64__)
-bool mayPairSse2(const uint8_t* p) { return blockscan::Sse2::mayPair(p); }
-__attribute__((target("avx2"))) bool mayPairAvx2(const uint8_t* p) { return blockscan::Avx2::mayPair(p); }
-__attribute__((target("avx512bw"))) bool mayPairAvx512(const uint8_t* p) { return blockscan::Avx512::mayPair(p); }
+bool mayPairSse2(const uint8_t* p) { return both<blockscan::Sse2>(p); }
+__attribute__((target("avx2"), flatten)) bool mayPairAvx2(const uint8_t* p) { return both<blockscan::Avx2>(p); }
+__attribute__((target("avx512bw"), flatten)) bool mayPairAvx512(const uint8_t* p) { return both<blockscan::Avx512>(p); }
 #endif
 }  // namespace
 
