@@ -15,23 +15,6 @@ namespace {
 
 using namespace blockscan;
 
-// The first 00 00 00 or 00 00 01 from `start` on (or size): the 64
-// positions from start, then blocks at aligned addresses, as the walker
-// takes them.
-template <class Isa>
-inline uint32_t findEnd(const uint8_t* buf, uint32_t start, uint32_t size) {
-    if (uint64_t(start) + 2 >= size) return size;
-    if (const uint64_t hits = blockHits<Isa, true>(buf, start, size))
-        return start + static_cast<uint32_t>(__builtin_ctzll(hits));
-    const uint64_t after = uint64_t(start) + kBlock;
-    for (uint64_t base = after - (reinterpret_cast<uintptr_t>(buf + after) & (kBlock - 1));;) {
-        const Block b = nextBlock<Isa>(buf, base, size);
-        if (b.base + 2 >= size) return size;
-        if (b.ends != 0) return static_cast<uint32_t>(b.base + static_cast<uint32_t>(__builtin_ctzll(b.ends)));
-        base = b.base + kBlock;
-    }
-}
-
 // One unit: the first 00 00 01, then the first 00 00 00 or 00 00 01 after
 // it. A unit that starts right at buf (three- or four-byte code, as in every
 // step of a walk) skips the first search.
@@ -48,7 +31,7 @@ inline UnitBounds findUnit(const uint8_t* buf, uint32_t size) {
         if (code == size) return kNoUnit;
         start = code + 3;
     }
-    return UnitBounds{start, findEnd<Isa>(buf, start, size)};
+    return UnitBounds{start, findFirst<Isa, true>(buf, start, size)};
 }
 
 using Kernels = NalUnitWalker::Kernels;
