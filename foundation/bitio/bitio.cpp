@@ -334,6 +334,7 @@ void WriteBits(void* buffer, uint32_t n, int32_t value) {
     // Up to 32 bits into a known buffer with eight bytes at the position:
     // one read-modify-write of those bytes, the bits around left as they are.
     const uint32_t index = bb->bitPos >> 3;
+    // guard: the eight bytes rewritten must lie inside a buffer of known size
     if (n <= 32 && bb->sizeBytes >= 8 && index <= bb->sizeBytes - 8) {
         uint64_t w;
         std::memcpy(&w, bb->data + index, sizeof w);

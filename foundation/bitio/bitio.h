@@ -22,6 +22,7 @@ namespace qnv {
 // them lie inside the buffer.
 inline bool loadWindow(const BitBuffer* bb, uint64_t* window) {
     const uint32_t index = bb->bitPos >> 3;
+    // guard: the eight bytes must lie inside a buffer of known size
     if (bb->sizeBytes < 8 || index > bb->sizeBytes - 8) return false;
     uint64_t w;
     __builtin_memcpy(&w, bb->data + index, sizeof w);

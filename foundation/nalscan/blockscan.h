@@ -150,6 +150,7 @@ struct Avx512 {
 // slower where the next code is a few hundred bytes away.
 template <class Isa, bool kTwoChunks = false>
 inline uint64_t skipToPair(const uint8_t* data, uint64_t pos, uint32_t size) {
+    // guard: only whole chunks inside data[0, size) are read
     if (pos + kBlock > size || Isa::mayPair(data + pos)) return pos;
     uint64_t q = pos + kBlock - (reinterpret_cast<uintptr_t>(data + pos) & (kBlock - 1));
     for (; kTwoChunks && q + 2 * kBlock <= size; q += 2 * kBlock)
@@ -167,6 +168,7 @@ inline uint64_t skipToPair(const uint8_t* data, uint64_t pos, uint32_t size) {
 template <class Isa, bool kOrZero>
 inline uint64_t blockHits(const uint8_t* data, uint64_t base, uint32_t size) {
     const int64_t at = static_cast<int64_t>(base);
+    // guard: a block is read in place only when its 66 bytes lie inside
     if (at >= 0 && at + kBlock + 2 <= size) return Isa::pairs(data + at) & Isa::template thirds<kOrZero>(data + at);
     // guard: only bytes inside data[0, size) are copied.
     uint8_t block[kBlock + 2];

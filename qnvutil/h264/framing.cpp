@@ -211,6 +211,7 @@ private:
             int64_t top = tail_ ? size_ - 4 : size_ - 3;
             for (int64_t a = top - int64_t(reinterpret_cast<uintptr_t>(data_ + top) & (kBlock - 1)); top >= floor;
                  a -= kBlock) {
+                // guard: the filter reads a whole chunk, so only chunks inside the frame
                 if (a >= 0 && a + kBlock <= size_ && !Isa::mayPair(data_ + a)) continue;
                 uint64_t m = blockHits<Isa, false>(data_, uint64_t(a), size_);
                 for (m &= upTo(top - a); m != 0; m &= upTo(top - a)) {
