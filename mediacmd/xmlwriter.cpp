@@ -148,7 +148,7 @@ private:
         out_.open(name);
         char shortText[128];
         if (text.size() < sizeof shortText) {
-            std::memcpy(shortText, text.data(), text.size());
+            if (!text.empty()) std::memcpy(shortText, text.data(), text.size());  // an empty view may hold null
             shortText[text.size()] = '\0';
             out_.text(shortText);
         } else {
