@@ -1,11 +1,10 @@
-// Bit reading, NAL unit emission and Annex B scanning.
+// Bit reading and NAL unit emission.
 #include <benchmark/benchmark.h>
 
 #include <random>
 #include <vector>
 
 #include "foundation/bitio/bitio.h"
-#include "foundation/nalscan/nalscan.h"
 
 namespace {
 
@@ -65,32 +64,5 @@ void BM_EmitNalUnit64K(benchmark::State& state) {
     state.SetBytesProcessed(state.iterations() * (1 << 16));
 }
 BENCHMARK(BM_EmitNalUnit64K);
-
-void BM_FindNalUnit4M(benchmark::State& state) {
-    // 4 MiB stream of units of 1..8 KiB behind four-byte start codes.
-    std::mt19937 rng(4);
-    std::vector<uint8_t> stream;
-    while (stream.size() < (4u << 20)) {
-        stream.insert(stream.end(), {0, 0, 0, 1});
-        size_t n = 1024 + rng() % 7168;
-        for (size_t i = 0; i < n; ++i) stream.push_back(static_cast<uint8_t>(2 + rng() % 254));
-    }
-    uint32_t units = 0;
-    for (auto _ : state) {
-        uint32_t offset = 0;
-        units = 0;
-        const uint32_t size = static_cast<uint32_t>(stream.size());
-        while (offset < size) {
-            int32_t start = 0, end = 0;
-            if (qnv::find_nal_unit(stream.data() + offset, size - offset, &start, &end) == 0 && end == 0) break;
-            offset += end > 0 ? static_cast<uint32_t>(end) : 1u;
-            ++units;
-        }
-        benchmark::DoNotOptimize(units);
-    }
-    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(stream.size()));
-    state.counters["units"] = units;
-}
-BENCHMARK(BM_FindNalUnit4M);
 
 }  // namespace

@@ -1,18 +1,21 @@
-// Caption and time-code SEI insertion into a 1 MiB frame, each against a
-// memmove of the same frame tail in the same run (the insertion's floor).
+// Caption and time-code SEI insertion into frames of 50 KiB and 1 MiB, each
+// side by side with a memmove of the same frame tail (the insertion's floor).
+// Eight frames per timed region; they are reset outside it.
 #include <benchmark/benchmark.h>
 
 #include <cstring>
+#include <memory>
 #include <random>
 #include <vector>
 
+#include "bench/ratio.h"
 #include "qnvutil/qxutil.h"
 #include "qnvutil/sei.h"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-constexpr size_t kFrame = 1 << 20;
+size_t kFrame = 1 << 20;  // set by each benchmark from range(0)
 
 // A valid caption packet with ten triplets.
 Bytes captionPacket() {
@@ -76,77 +79,78 @@ struct Fixture {
     }
 };
 
+constexpr int kFrames = 8;
+
+// range(0): frame bytes. `insert` (which returns how far it moved the
+// tail) against a memmove of the tail from `pos` by the same distance: the
+// distance decides how fast a memmove runs.
 template <typename Insert>
-void runInsertion(benchmark::State& state, Bytes content, Insert insert) {
-    Fixture fx(std::move(content));
-    for (auto _ : state) {
-        fx.reset();
-        insert(fx.frame);
-        benchmark::DoNotOptimize(fx.buffer.data());
-    }
-    state.SetBytesProcessed(state.iterations() * int64_t(kFrame));
+void sideBySide(benchmark::State& state, Bytes (*content)(), uint32_t pos, Insert insert) {
+    kFrame = static_cast<size_t>(state.range(0));
+    const Bytes c = content();
+    std::vector<std::unique_ptr<Fixture>> fx;
+    for (int i = 0; i < kFrames; ++i) fx.push_back(std::make_unique<Fixture>(c));
+    fx[0]->reset();
+    const uint32_t shift = insert(fx[0]->frame);
+    bench::sideBySide(
+        state, [&] { for (auto& f : fx) f->reset(); },
+        [&] { for (auto& f : fx) insert(f->frame); },
+        [&] {
+            for (auto& f : fx)
+                std::memmove(f->buffer.data() + pos + shift, f->buffer.data() + pos, f->frame.frameSize - pos);
+        });
+    state.SetBytesProcessed(state.iterations() * int64_t(kFrame) * kFrames);
+    state.counters["shift"] = shift;
 }
 
-// The memmove an insertion at `pos` of `length` bytes cannot do without.
-void runMemmove(benchmark::State& state, Bytes content, uint32_t pos, uint32_t length) {
-    Fixture fx(std::move(content));
-    for (auto _ : state) {
-        fx.reset();
-        std::memmove(fx.buffer.data() + pos + length, fx.buffer.data() + pos, fx.frame.frameSize - pos);
-        benchmark::DoNotOptimize(fx.buffer.data());
-    }
-    state.SetBytesProcessed(state.iterations() * int64_t(kFrame));
+// The growth of frameSize by an insertion that updates it.
+template <typename Insert>
+uint32_t grown(DFrame& f, Insert insert) {
+    const uint32_t before = f.frameSize;
+    insert(f);
+    return f.frameSize - before;
 }
+
+Bytes avcAnnexB() { return frameWith(kAvcHeaders, {0, 0, 0, 1, 0x65, 0x88}); }
+Bytes avcLengthPrefixed() {
+    return lengthPrefixed({{0x09, 0x10}, {0x67, 0x42, 0x00, 0x1E}, {0x68, 0xCE, 0x38, 0x80}}, kFrame);
+}
+Bytes mpeg2() { return frameWith({0, 0, 1, 0xB3, 0x04, 0x00, 0x40, 0x13}, {0, 0, 1, 0, 0, 0x0F}); }
+Bytes hevc() { return frameWith(kHevcHeaders, {0, 0, 0, 1, 0x26, 0x01, 0xAF}); }
+Bytes hevcTimeCode() { return frameWith({0, 0, 0, 1, 0x46, 0x01, 0x50}, {0, 0, 0, 1, 0x26, 0x01, 0xAF}); }
 
 void BM_AvcCaptionsAnnexB(benchmark::State& s) {
     const Bytes p = captionPacket();
-    runInsertion(s, frameWith(kAvcHeaders, {0, 0, 0, 1, 0x65, 0x88}),
-                 [&](DFrame& f) { qnvutilAddAVCCaptions(&f, p.data(), uint32_t(p.size()), 0); });
-}
-void BM_AvcCaptionsAnnexB_Memmove(benchmark::State& s) {
-    runMemmove(s, frameWith(kAvcHeaders, {0, 0, 0, 1, 0x65, 0x88}), uint32_t(kAvcHeaders.size()), 47);
+    sideBySide(s, avcAnnexB, uint32_t(kAvcHeaders.size()), [&](DFrame& f) {
+        return grown(f, [&](DFrame& g) { qnvutilAddAVCCaptions(&g, p.data(), uint32_t(p.size()), 0); });
+    });
 }
 void BM_AvcCaptionsLengthPrefixed(benchmark::State& s) {
     const Bytes p = captionPacket();
-    runInsertion(s, lengthPrefixed({{0x09, 0x10}, {0x67, 0x42, 0x00, 0x1E}, {0x68, 0xCE, 0x38, 0x80}}, kFrame),
-                 [&](DFrame& f) { qnvutilAddAVCCaptions(&f, p.data(), uint32_t(p.size()), 1); });
-}
-void BM_AvcCaptionsLengthPrefixed_Memmove(benchmark::State& s) {
-    runMemmove(s, lengthPrefixed({{0x09, 0x10}, {0x67, 0x42, 0x00, 0x1E}, {0x68, 0xCE, 0x38, 0x80}}, kFrame), 22, 49);
-}
-void BM_Mpeg2Captions(benchmark::State& s) {
-    runInsertion(s, frameWith({0, 0, 1, 0xB3, 0x04, 0x00, 0x40, 0x13}, {0, 0, 1, 0, 0, 0x0F}),
-                 [](DFrame& f) { qnvutilAddMPEG2Captions(&f); });
-}
-void BM_Mpeg2Captions_Memmove(benchmark::State& s) {
-    runMemmove(s, frameWith({0, 0, 1, 0xB3, 0x04, 0x00, 0x40, 0x13}, {0, 0, 1, 0, 0, 0x0F}), 0, 49);
-}
-void BM_HevcCaptions(benchmark::State& s) {
-    runInsertion(s, frameWith(kHevcHeaders, {0, 0, 0, 1, 0x26, 0x01, 0xAF}),
-                 [](DFrame& f) { qnvUtilAddHevcCaptions(&f, 30); });
-}
-void BM_HevcCaptions_Memmove(benchmark::State& s) {
-    runMemmove(s, frameWith(kHevcHeaders, {0, 0, 0, 1, 0x26, 0x01, 0xAF}), uint32_t(kHevcHeaders.size()), 57);
-}
-void BM_HevcTimeCode(benchmark::State& s) {
-    runInsertion(s, frameWith({0, 0, 0, 1, 0x46, 0x01, 0x50}, {0, 0, 0, 1, 0x26, 0x01, 0xAF}), [](DFrame& f) {
-        f.frameTimecode = 107892;
-        qnvutilAddHEVCTimeCode(&f, 4);
+    sideBySide(s, avcLengthPrefixed, 22, [&](DFrame& f) {
+        return grown(f, [&](DFrame& g) { qnvutilAddAVCCaptions(&g, p.data(), uint32_t(p.size()), 1); });
     });
 }
-void BM_HevcTimeCode_Memmove(benchmark::State& s) {
-    runMemmove(s, frameWith({0, 0, 0, 1, 0x46, 0x01, 0x50}, {0, 0, 0, 1, 0x26, 0x01, 0xAF}), 7, 15);
+void BM_Mpeg2Captions(benchmark::State& s) {
+    sideBySide(s, mpeg2, 0, [](DFrame& f) { return grown(f, [](DFrame& g) { qnvutilAddMPEG2Captions(&g); }); });
+}
+void BM_HevcCaptions(benchmark::State& s) {
+    sideBySide(s, hevc, uint32_t(kHevcHeaders.size()), [](DFrame& f) { return qnvUtilAddHevcCaptions(&f, 30); });
+}
+void BM_HevcTimeCode(benchmark::State& s) {
+    sideBySide(s, hevcTimeCode, 7, [](DFrame& f) {
+        f.frameTimecode = 107892;
+        return grown(f, [](DFrame& g) { qnvutilAddHEVCTimeCode(&g, 4); });
+    });
 }
 
-BENCHMARK(BM_AvcCaptionsAnnexB);
-BENCHMARK(BM_AvcCaptionsAnnexB_Memmove);
-BENCHMARK(BM_AvcCaptionsLengthPrefixed);
-BENCHMARK(BM_AvcCaptionsLengthPrefixed_Memmove);
-BENCHMARK(BM_Mpeg2Captions);
-BENCHMARK(BM_Mpeg2Captions_Memmove);
-BENCHMARK(BM_HevcCaptions);
-BENCHMARK(BM_HevcCaptions_Memmove);
-BENCHMARK(BM_HevcTimeCode);
-BENCHMARK(BM_HevcTimeCode_Memmove);
+void frameSizes(benchmark::internal::Benchmark* b) {
+    b->Arg(50 << 10)->Arg(1 << 20)->UseManualTime()->Unit(benchmark::kMicrosecond);
+}
+BENCHMARK(BM_AvcCaptionsAnnexB)->Apply(frameSizes);
+BENCHMARK(BM_AvcCaptionsLengthPrefixed)->Apply(frameSizes);
+BENCHMARK(BM_Mpeg2Captions)->Apply(frameSizes);
+BENCHMARK(BM_HevcCaptions)->Apply(frameSizes);
+BENCHMARK(BM_HevcTimeCode)->Apply(frameSizes);
 
 }  // namespace

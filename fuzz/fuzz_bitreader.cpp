@@ -1,6 +1,7 @@
 // Drives the bit reader and writer with operations taken from the input over
 // a buffer of exactly the input's size: with sizeBytes set, nothing may touch
-// memory outside it, whatever the positions and counts.
+// memory outside it, whatever the positions and counts. The inline fast paths
+// (the names as macros) must agree with the exported functions.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -19,13 +20,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (uint32_t i = 0; i < ops; ++i) {
         uint8_t op = data[(i * 7 + 5) % size];
         uint32_t n = data[(i * 13 + 3) % size];
+        BitBuffer exported = bb;
+        auto same = [&](uint64_t a, uint64_t b) {
+            if (a != b || bb.bitPos != exported.bitPos) __builtin_trap();
+        };
         switch (op % 12) {
-            case 0: ReadBit(&bb); break;
-            case 1: ReadBits(&bb, n % 40); break;
+            case 0: same(ReadBit(&bb), (ReadBit)(&exported)); break;
+            case 1: same(ReadBits(&bb, n % 40), (ReadBits)(&exported, n % 40)); break;
             case 2: ReadBits64(&bb, n % 80); break;
             case 3: ReadCodedNumber(&bb); break;
-            case 4: ReadExponentialGolombCode(&bb); break;
-            case 5: ReadExponentialGolombCodeSigned(&bb); break;
+            case 4: same(ReadExponentialGolombCode(&bb), (ReadExponentialGolombCode)(&exported)); break;
+            case 5: same(uint32_t(ReadExponentialGolombCodeSigned(&bb)), uint32_t((ReadExponentialGolombCodeSigned)(&exported))); break;
             case 6: SkipBits(&bb, n % 17); break;
             case 7: WriteBits(&bb, n % 40, static_cast<int32_t>(word * n)); break;
             case 8: WriteExponentialGolombCode(&bb, static_cast<int32_t>(word >> (n % 32))); break;

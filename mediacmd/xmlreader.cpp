@@ -39,8 +39,8 @@ bool scanInt(const char* text, int32_t* value) {
     return true;
 }
 
-// Name comparison that settles most mismatches on the first character.
-bool sameName(const char* a, const char* b) { return a[0] == b[0] && std::strcmp(a, b) == 0; }
+// Name comparison that settles most mismatches on the first two characters.
+bool sameName(const char* a, const char* b) { return a[0] == b[0] && a[1] == b[1] && std::strcmp(a, b) == 0; }
 
 bool readAttribute(const XMLElement* e, const char* name, int32_t* value) {
     if (e == nullptr) return false;
@@ -49,25 +49,29 @@ bool readAttribute(const XMLElement* e, const char* name, int32_t* value) {
     return false;
 }
 
+// True when the element has an attribute other than Value and TcType (which
+// every element of the writer's own text carries): only then can a flag be
+// set on it.
+bool hasOtherAttributes(const XMLElement* e) {
+    for (const tinyxml2::XMLAttribute* a = e->FirstAttribute(); a != nullptr; a = a->Next())
+        if (!sameName(a->Name(), "Value") && !sameName(a->Name(), "TcType")) return true;
+    return false;
+}
+
 // The first child element of each name the reader looks at, found in one
-// pass over the root.
+// pass over the root; a name is compared only with the known names of its
+// first character.
 class Elements {
 public:
     explicit Elements(const XMLElement* root) {
         for (const XMLElement* e = root->FirstChildElement(); e != nullptr; e = e->NextSiblingElement()) {
-            const char* name = e->Name();
-            for (size_t i = 0; i < std::size(kNames); ++i) {
-                if (found_[i] == nullptr && sameName(name, kNames[i])) {
-                    found_[i] = e;
-                    break;
-                }
-            }
+            const int i = index(e->Name());
+            if (i >= 0 && found_[i] == nullptr) found_[i] = e;
         }
     }
     const XMLElement* operator[](const char* name) const {
-        for (size_t i = 0; i < std::size(kNames); ++i)
-            if (sameName(name, kNames[i])) return found_[i];
-        return nullptr;
+        const int i = index(name);
+        return i >= 0 ? found_[i] : nullptr;
     }
 
 private:
@@ -77,6 +81,23 @@ private:
         "Position",      "Start",         "End",          "ClipID",          "FileName",             "arbID",
         "sourceipaddress", "destinationipaddress", "clockipaddress", "interfaceipaddress",
     };
+    static_assert(std::size(kNames) <= 32);
+    // Bit i of entry c: kNames[i] begins with character c.
+    struct ByFirst {
+        uint32_t names[128] = {};
+        constexpr ByFirst() {
+            for (size_t i = 0; i < std::size(kNames); ++i) names[static_cast<unsigned char>(kNames[i][0])] |= 1u << i;
+        }
+    };
+    static int index(const char* name) {
+        static constexpr ByFirst kByFirst;
+        const auto first = static_cast<unsigned char>(name[0]);
+        for (uint32_t m = first < 128 ? kByFirst.names[first] : 0; m != 0; m &= m - 1) {
+            const int i = __builtin_ctz(m);
+            if (std::strcmp(name, kNames[i]) == 0) return i;
+        }
+        return -1;
+    }
     const XMLElement* found_[std::size(kNames)] = {};
 };
 
@@ -202,6 +223,7 @@ private:
                 }
             }
         }
+        if (!hasOtherAttributes(e)) return;
         flag(e, "Deferred", cfDeferred);
         // The one-r spelling decides whenever it is a number; the writer's
         // own "OverrideDeferred" is not read back.
@@ -231,6 +253,7 @@ private:
             if (keepsType) tcType_ = static_cast<uint32_t>(t);
             if (const char* text = e->GetText()) parseTimecode(text, static_cast<uint32_t>(t), field);
         }
+        if (!hasOtherAttributes(e)) return;
         flag(e, "IsOffset", offsetBit);
         flag(e, "UsingCurrent", cfUsingCurrent);
         flag(e, "UsingFrameCount", cfUseFrameCount);
@@ -328,16 +351,9 @@ const tinyxml2::XMLNode* namedChild(const tinyxml2::XMLDocument& doc, const char
     return nullptr;
 }
 
-}  // namespace
-
-extern "C" {
-
-uint32_t MediaCmdFromXML(MediaCmd* cmd, uint32_t* tcType, tinyxml2::XMLDocument* document) {
-    std::unique_ptr<tinyxml2::XMLDocument> doc(document);
-    if (cmd == nullptr) return MEDIACMD_XML_NO_RECORD;
-    if (doc == nullptr) return MEDIACMD_XML_NO_ROOT;
-    const tinyxml2::XMLNode* node = namedChild(*doc, "MediaCmd");
-    if (node == nullptr) node = namedChild(*doc, "ClipInfo");
+uint32_t readDocument(MediaCmd* cmd, uint32_t* tcType, const tinyxml2::XMLDocument& doc) {
+    const tinyxml2::XMLNode* node = namedChild(doc, "MediaCmd");
+    if (node == nullptr) node = namedChild(doc, "ClipInfo");
     if (node == nullptr) return MEDIACMD_XML_NO_ROOT;
     const XMLElement* root = node->ToElement();
     if (root == nullptr) return MEDIACMD_XML_NOT_ELEMENT;
@@ -350,18 +366,38 @@ uint32_t MediaCmdFromXML(MediaCmd* cmd, uint32_t* tcType, tinyxml2::XMLDocument*
     return MEDIACMD_XML_OK;
 }
 
+}  // namespace
+
+extern "C" {
+
+uint32_t MediaCmdFromXML(MediaCmd* cmd, uint32_t* tcType, tinyxml2::XMLDocument* document) {
+    std::unique_ptr<tinyxml2::XMLDocument> doc(document);
+    if (cmd == nullptr) return MEDIACMD_XML_NO_RECORD;
+    if (doc == nullptr) return MEDIACMD_XML_NO_ROOT;
+    return readDocument(cmd, tcType, *doc);
+}
+
 uint32_t MediaCmdFromXMLString(MediaCmd* cmd, uint32_t* tcType, const char* xml) {
     if (cmd == nullptr) return MEDIACMD_XML_NO_RECORD;
     initMediaCmd(cmd, ctStop);
-    std::unique_ptr<tinyxml2::XMLDocument> doc;
+    // The calling thread's own document, kept from call to call so that its
+    // node pools are not set up again for every text.
+    thread_local std::unique_ptr<tinyxml2::XMLDocument> doc;
     try {
-        doc = std::make_unique<tinyxml2::XMLDocument>();
+        if (doc == nullptr) doc = std::make_unique<tinyxml2::XMLDocument>();
         // A text that does not parse leaves the document empty.
-        if (xml != nullptr) doc->Parse(xml);
+        if (xml != nullptr) {
+            doc->Parse(xml);
+        } else {
+            doc->Clear();
+        }
     } catch (...) {
+        doc.reset();
         return MEDIACMD_XML_NO_ROOT;
     }
-    return MediaCmdFromXML(cmd, tcType, doc.release());
+    const uint32_t result = readDocument(cmd, tcType, *doc);
+    doc->Clear();  // the text's copy is not kept
+    return result;
 }
 
 }  // extern "C"

@@ -6,8 +6,8 @@
 // building it first.
 #include <tinyxml2.h>
 
-#include <cstdio>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "mediacmd/names.h"
@@ -19,6 +19,20 @@ namespace {
 
 using tinyxml2::XMLDocument;
 using tinyxml2::XMLElement;
+
+// "%d" without the C library's formatter: digits from the back of a
+// 12-byte buffer; returns the first character.
+char* formatDecimal(int32_t value, char (&text)[12]) {
+    char* p = text + sizeof text;
+    *--p = '\0';
+    uint32_t magnitude = value < 0 ? 0u - static_cast<uint32_t>(value) : static_cast<uint32_t>(value);
+    do {
+        *--p = static_cast<char>('0' + magnitude % 10);
+        magnitude /= 10;
+    } while (magnitude != 0);
+    if (value < 0) *--p = '-';
+    return p;
+}
 
 constexpr uint32_t kTimecodeWord = 0x32100;  // timecode text, type in the low byte
 constexpr uint32_t kFixedWord = 0xB2140;     // timecode text of the queue values
@@ -62,9 +76,12 @@ private:
     XMLElement* current_ = nullptr;
 };
 
-// Compact text: no indentation and no line breaks.
+// Compact text: no indentation and no line breaks. The printer is the
+// calling thread's own and kept from call to call, so that its buffer is
+// not grown again for every text.
 class PrinterSink final : public Sink {
 public:
+    explicit PrinterSink(tinyxml2::XMLPrinter& printer) : printer_(printer) { printer_.ClearBuffer(); }
     void declaration(const char* text) override { printer_.PushDeclaration(text); }
     void comment(const char* text) override { printer_.PushComment(text); }
     void open(const char* name) override {
@@ -72,7 +89,10 @@ public:
         ++depth_;
     }
     void attribute(const char* name, const char* value) override { printer_.PushAttribute(name, value); }
-    void attribute(const char* name, int32_t value) override { printer_.PushAttribute(name, value); }
+    void attribute(const char* name, int32_t value) override {
+        char digits[12];
+        printer_.PushAttribute(name, formatDecimal(value, digits));
+    }
     void text(const char* text) override { printer_.PushText(text); }
     void close() override {
         printer_.CloseElement(true);
@@ -86,7 +106,7 @@ public:
     size_t length() const { return size_t(printer_.CStrSize() - 1); }
 
 private:
-    tinyxml2::XMLPrinter printer_{nullptr, true};
+    tinyxml2::XMLPrinter& printer_;
     int depth_ = 0;
 };
 
@@ -126,7 +146,14 @@ private:
     }
     void textElement(const char* name, std::string_view text) {
         out_.open(name);
-        out_.text(std::string(text).c_str());
+        char shortText[128];
+        if (text.size() < sizeof shortText) {
+            if (!text.empty()) std::memcpy(shortText, text.data(), text.size());  // an empty view may hold null
+            shortText[text.size()] = '\0';
+            out_.text(shortText);
+        } else {
+            out_.text(std::string(text).c_str());
+        }
         out_.close();
     }
     void flag(const char* attribute, uint32_t bit) {
@@ -141,9 +168,8 @@ private:
         out_.text(text);
     }
     void decimalText(int32_t value) {
-        char text[16];
-        std::snprintf(text, sizeof text, "%d", value);
-        out_.text(text);
+        char digits[12];
+        out_.text(formatDecimal(value, digits));
     }
 
     void header() {
@@ -394,13 +420,17 @@ uint32_t MediaCmdToXML(tinyxml2::XMLDocument* document, MediaCmd* cmd, uint8_t t
 
 uint32_t MediaCmdToXMLString(char** text, MediaCmd* cmd, uint32_t tcType) {
     if (text == nullptr || cmd == nullptr) return 0;
+    thread_local std::unique_ptr<tinyxml2::XMLPrinter> printer;
     try {
-        PrinterSink sink;
+        if (printer == nullptr) printer = std::make_unique<tinyxml2::XMLPrinter>(nullptr, true);
+        PrinterSink sink(*printer);
+        bool failed = false;
         try {
             Writer(sink, cmd, static_cast<uint8_t>(tcType)).write();
         } catch (...) {
             // Out of memory: the text ends where the writer got to.
             sink.finish();
+            failed = true;
         }
         if (sink.length() > 0) {
             auto* copy = static_cast<char*>(QxAlloc(static_cast<uint32_t>(sink.length()) + 1));
@@ -409,7 +439,9 @@ uint32_t MediaCmdToXMLString(char** text, MediaCmd* cmd, uint32_t tcType) {
                 *text = copy;
             }
         }
+        if (failed) printer.reset();  // a printer that failed inside is not used again
     } catch (...) {
+        printer.reset();
     }
     return 0;
 }

@@ -1,6 +1,8 @@
 // Bit reader and writer. Multi-bit reads take a byte-wise fast path whenever
 // every bit lies inside the read limit; the bit-by-bit path keeps the exact
-// past-end patterns for all other positions.
+// past-end patterns for all other positions. (The exported readers are
+// defined with their names in parentheses: bitio.h maps calls of them to
+// its inline fast paths.)
 #include "foundation/bitio/bitio.h"
 
 #include <algorithm>
@@ -237,12 +239,12 @@ using namespace qnv;
 
 extern "C" {
 
-uint32_t ReadBit(BitBuffer* bb) {
+uint32_t (ReadBit)(BitBuffer* bb) {
     uint32_t p = bb->bitPos++;
     return p > bb->sizeBits ? kPastEnd : memoryBit(bb, p);
 }
 
-uint32_t ReadBits(BitBuffer* bb, uint32_t n) {
+uint32_t (ReadBits)(BitBuffer* bb, uint32_t n) {
     if (static_cast<int32_t>(n) <= 0) return 0;
     if (n <= 32 && allInMemory(bb, n)) {
         uint32_t v = static_cast<uint32_t>(gather(bb, n));
@@ -271,7 +273,7 @@ uint32_t ReadCodedNumber(BitBuffer* bb) {
     return sum;
 }
 
-uint32_t ReadExponentialGolombCode(void* buffer) {
+uint32_t (ReadExponentialGolombCode)(void* buffer) {
     auto* bb = static_cast<BitBuffer*>(buffer);
     const uint32_t p = bb->bitPos;
     uint32_t zeros = 0;
@@ -312,7 +314,7 @@ uint32_t ReadExponentialGolombCode(void* buffer) {
     return ReadBits(bb, zeros) - 1u + (1u << (zeros & 31));
 }
 
-int32_t ReadExponentialGolombCodeSigned(BitBuffer* bb) {
+int32_t (ReadExponentialGolombCodeSigned)(BitBuffer* bb) {
     uint32_t k = ReadExponentialGolombCode(bb);
     // k even: -(k / 2); k odd: (k + 1) / 2, in 32-bit two's complement.
     return (k & 1) ? static_cast<int32_t>((k >> 1) + 1) : static_cast<int32_t>(0u - (k >> 1));
@@ -329,6 +331,22 @@ void WriteBits(void* buffer, uint32_t n, int32_t value) {
     auto* bb = static_cast<BitBuffer*>(buffer);
     if (static_cast<int32_t>(n) <= 0) return;
     uint32_t v = static_cast<uint32_t>(value);
+    // Up to 32 bits into a known buffer with eight bytes at the position:
+    // one read-modify-write of those bytes, the bits around left as they are.
+    const uint32_t index = bb->bitPos >> 3;
+    // guard: the eight bytes rewritten must lie inside a buffer of known size
+    if (n <= 32 && bb->sizeBytes >= 8 && index <= bb->sizeBytes - 8) {
+        uint64_t w;
+        std::memcpy(&w, bb->data + index, sizeof w);
+        w = __builtin_bswap64(w);
+        const uint32_t shift = 64 - (bb->bitPos & 7) - n;  // at least 25
+        const uint64_t mask = ((uint64_t(1) << n) - 1) << shift;
+        w = (w & ~mask) | ((uint64_t(v) << shift) & mask);
+        w = __builtin_bswap64(w);
+        std::memcpy(bb->data + index, &w, sizeof w);
+        bb->bitPos += n;
+        return;
+    }
     for (; n > 32; --n) putBit(bb, v >> 31);  // above 32 bits: value's sign
     if ((bb->bitPos & 7) == 0 && n == 8) {
         uint32_t index = bb->bitPos >> 3;

@@ -9,6 +9,60 @@
 
 namespace qnv {
 
+// ---- Reads with an inline fast path --------------------------------------
+//
+// The parsers read a few bits at a time, millions of times. readBits and
+// readUe take the common case inline: a buffer of known size (sizeBytes) with
+// eight bytes to load at the current byte and every bit read inside the read
+// limit. Anything else (the bits at and past sizeBits, the end of the buffer,
+// an unknown size, long counts) goes to the exported functions, whose
+// results the fast paths give exactly.
+
+// The 64 bits from byte bitPos / 8 on, most significant first, when all of
+// them lie inside the buffer.
+inline bool loadWindow(const BitBuffer* bb, uint64_t* window) {
+    const uint32_t index = bb->bitPos >> 3;
+    // guard: the eight bytes must lie inside a buffer of known size
+    if (bb->sizeBytes < 8 || index > bb->sizeBytes - 8) return false;
+    uint64_t w;
+    __builtin_memcpy(&w, bb->data + index, sizeof w);
+    *window = __builtin_bswap64(w) << (bb->bitPos & 7);  // 57 bits or more are valid
+    return true;
+}
+
+inline uint32_t readBits(BitBuffer* bb, uint32_t n) {
+    uint64_t w;
+    if (n - 1 < 32 && uint64_t(bb->bitPos) + n - 1 <= bb->sizeBits && loadWindow(bb, &w)) {
+        bb->bitPos += n;
+        return static_cast<uint32_t>(w >> (64 - n));
+    }
+    return ::ReadBits(bb, n);
+}
+
+// ReadBit gives what ReadBits(bb, 1) gives, past-end value included.
+inline uint32_t readBit(BitBuffer* bb) { return readBits(bb, 1); }
+
+// ue(v): a prefix of z zero bits, a 1 bit and z more bits, all at positions
+// up to sizeBits (near it the exported reader's walk stops differently).
+inline uint32_t readUe(BitBuffer* bb) {
+    uint64_t w;
+    if (loadWindow(bb, &w) && w != 0) {
+        const uint32_t zeros = static_cast<uint32_t>(__builtin_clzll(w));
+        if (zeros <= 28 && uint64_t(bb->bitPos) + 2 * zeros <= bb->sizeBits) {
+            bb->bitPos += 2 * zeros + 1;
+            const uint64_t code = w >> (63 - 2 * zeros);  // the 1 bit and the z bits after it
+            return static_cast<uint32_t>(code) - 1u;
+        }
+    }
+    return ::ReadExponentialGolombCode(bb);
+}
+
+inline int32_t readSe(BitBuffer* bb) {
+    const uint32_t k = readUe(bb);
+    // k even: -(k / 2); k odd: (k + 1) / 2, in 32-bit two's complement.
+    return (k & 1) ? static_cast<int32_t>((k >> 1) + 1) : static_cast<int32_t>(0u - (k >> 1));
+}
+
 // Entry i: number of significant bits of i, entry 0 being 1.
 extern const uint32_t kBitLength[256];
 
@@ -49,5 +103,13 @@ void WriteSignedExponentialGolombCode(BitBuffer* bb, int32_t value);
 uint8_t* EmitNalUnit(BitBuffer* scratch, BitBuffer* out, uint32_t sizeIndex, uint8_t lengthPrefix);
 
 }  // namespace qnv
+
+// Code inside the library that includes this header reads through the inline
+// fast paths under the exported names (the definitions in bitio.cpp name
+// the functions in parentheses, which the macros leave alone).
+#define ReadBits(bb, n) ::qnv::readBits(bb, n)
+#define ReadBit(bb) ::qnv::readBit(bb)
+#define ReadExponentialGolombCode(bb) ::qnv::readUe(static_cast<BitBuffer*>(bb))
+#define ReadExponentialGolombCodeSigned(bb) ::qnv::readSe(bb)
 
 #endif

@@ -1,9 +1,9 @@
 #include "foundation/nalscan/nalscan.h"
 
+#include <initializer_list>
 #include <new>
 
-#include "foundation/bitio/bitio.h"
-#include "foundation/nalscan/zeropair.h"
+#include "foundation/nalscan/blockscan.h"
 
 namespace qnv {
 
@@ -13,43 +13,99 @@ void h264_free(h264_stream_t* h) { delete h; }
 
 namespace {
 
-// First i >= from where buf[i..i+2] is 00 00 01, or with `orZero` also
-// 00 00 00; `size` when there is none.
-uint32_t findCode(const uint8_t* buf, uint32_t from, uint32_t size, bool orZero) {
-    while (uint64_t(from) + 2 < size) {
-        uint32_t q = FindZeroPair(buf, from, size - 3);
-        if (q == kNoZeroPair) break;
-        if (buf[q + 2] == 1 || (orZero && buf[q + 2] == 0)) return q;
-        from = q + 1;
+using namespace blockscan;
+
+// One unit: the first 00 00 01, then the first 00 00 00 or 00 00 01 after
+// it. A unit that starts right at buf (three- or four-byte code, as in every
+// step of a walk) skips the first search.
+template <class Isa>
+inline UnitBounds findUnit(const uint8_t* buf, uint32_t size) {
+    if (size < 4) return UnitBounds{0, size};
+    uint32_t start;
+    if (buf[0] == 0 && buf[1] == 0 && buf[2] == 1) {
+        start = 3;
+    } else if (buf[0] == 0 && buf[1] == 0 && buf[2] == 0 && buf[3] == 1) {
+        start = 4;
+    } else {
+        const uint32_t code = findFirst<Isa, false>(buf, 0, size);
+        if (code == size) return kNoUnit;
+        start = code + 3;
     }
-    return size;
+    return UnitBounds{start, findFirst<Isa, true>(buf, start, size)};
+}
+
+using Kernels = NalUnitWalker::Kernels;
+
+// The kernels of one instruction set, each compiled for it.
+#define QNV_SCAN_KERNELS(Isa, attributes)                                                                  \
+    attributes UnitBounds unit##Isa(const uint8_t* buf, uint32_t size) { return findUnit<Isa>(buf, size); } \
+    attributes uint32_t code##Isa(const uint8_t* buf, uint32_t from, uint32_t size) {                     \
+        return findFirst<Isa, false>(buf, from, size);                                                  \
+    }                                                                                                   \
+    attributes uint64_t ends##Isa(const uint8_t* buf, uint64_t base, uint32_t size) {                     \
+        return blockHits<Isa, true>(buf, base, size);                                                   \
+    }                                                                                                   \
+    attributes Block next##Isa(const uint8_t* buf, uint64_t base, uint32_t size) {                        \
+        return nextBlock<Isa>(buf, base, size);                                                         \
+    }                                                                                                   \
+    constexpr Kernels k##Isa{unit##Isa, code##Isa, ends##Isa, next##Isa};
+
+QNV_SCAN_KERNELS(Portable, [[gnu::flatten]])
+#if defined(__x86_64__)
+QNV_SCAN_KERNELS(Sse2, [[gnu::flatten]])
+QNV_SCAN_KERNELS(Avx2, __attribute__((target("avx2"), flatten)))
+QNV_SCAN_KERNELS(Avx512, __attribute__((target("avx512bw"), flatten)))
+#endif
+#undef QNV_SCAN_KERNELS
+
+const Kernels* variant(ScanVariant v) {
+    switch (v) {
+        case ScanVariant::kPortable: return &kPortable;
+#if defined(__x86_64__)
+        case ScanVariant::kSse2: return &kSse2;
+        case ScanVariant::kAvx2: return __builtin_cpu_supports("avx2") ? &kAvx2 : nullptr;
+        case ScanVariant::kAvx512: return __builtin_cpu_supports("avx512bw") ? &kAvx512 : nullptr;
+#endif
+        default: return nullptr;
+    }
+}
+
+const Kernels* best() {
+    static const Kernels* const kBest = [] {
+        for (ScanVariant v : {ScanVariant::kAvx512, ScanVariant::kAvx2, ScanVariant::kSse2})
+            if (const Kernels* k = variant(v)) return k;
+        return &kPortable;
+    }();
+    return kBest;
 }
 
 }  // namespace
 
-int32_t find_nal_unit(const uint8_t* buf, uint32_t size, int32_t* nal_start, int32_t* nal_end) {
-    if (size < 4) {
-        *nal_start = 0;
-        *nal_end = static_cast<int32_t>(size);
-        return static_cast<int32_t>(size);
-    }
-    uint32_t code = findCode(buf, 0, size, false);
-    if (code == size) return 0;
-    uint32_t start = code + 3;
-    uint32_t end = findCode(buf, start, size, true);
-    *nal_start = static_cast<int32_t>(start);
-    *nal_end = static_cast<int32_t>(end);
-    return static_cast<int32_t>(end - start);
+bool ScanVariantAvailable(ScanVariant v) { return variant(v) != nullptr; }
+
+UnitBounds FindUnitBoundsWith(ScanVariant v, const uint8_t* buf, uint32_t size) { return variant(v)->unit(buf, size); }
+
+UnitBounds FindUnitBounds(const uint8_t* buf, uint32_t size) {
+    static const auto unit = best()->unit;
+    return unit(buf, size);
 }
 
+uint32_t FindStartCode(const uint8_t* buf, uint32_t from, uint32_t size) {
+    static const auto code = best()->code;
+    return code(buf, from, size);
+}
+
+const Kernels* NalUnitWalker::ScanKernels() { return best(); }
+
+const Kernels* NalUnitWalker::ScanKernels(ScanVariant v) { return variant(v); }
+
 int32_t read_nal_unit(h264_stream_t* h, const uint8_t* unit, uint32_t size) {
-    uint8_t header[3] = {0, 0, 0};  // two header bytes and the reader's spare byte
-    for (uint32_t i = 0; i < 2 && i < size; ++i) header[i] = unit[i];
-    BitBuffer bb = bitReader(header, 2);
-    h->nal.forbidden_zero_bit = static_cast<int32_t>(ReadBits(&bb, 1));
-    h->nal.nal_unit_type = static_cast<int32_t>(ReadBits(&bb, 6));
-    h->nal.nuh_layer_id = static_cast<int32_t>(ReadBits(&bb, 6));
-    h->nal.nuh_temporal_id = static_cast<int32_t>(ReadBits(&bb, 3)) - 1;
+    // Two header bytes, MSB first; bytes missing from a short unit read as 0.
+    const uint32_t b0 = size > 0 ? unit[0] : 0, b1 = size > 1 ? unit[1] : 0;
+    h->nal.forbidden_zero_bit = static_cast<int32_t>(b0 >> 7);
+    h->nal.nal_unit_type = static_cast<int32_t>((b0 >> 1) & 63);
+    h->nal.nuh_layer_id = static_cast<int32_t>((b0 & 1) << 5 | b1 >> 3);
+    h->nal.nuh_temporal_id = static_cast<int32_t>(b1 & 7) - 1;
     return static_cast<int32_t>(size);
 }
 

@@ -6,13 +6,15 @@
 // the front, moving the rest of the frame up by one byte at every three-byte
 // start code) but does the work in linear time: a first pass counts the
 // three-byte codes, a second pass from the back moves each unit once to its
-// final place and writes its length.
+// final place and writes its length. Both find the codes with the block
+// masks of the NAL scanner, so that short units cost little each.
 #include <cstring>
-
+#include <initializer_list>
 
 #include "qnvutil/h264.h"
 #include "qnvutil/h264/framing.h"
-#include "foundation/nalscan/zeropair.h"
+#include "foundation/nalscan/blockscan.h"
+#include "foundation/nalscan/nalscan.h"
 
 namespace {
 
@@ -34,7 +36,7 @@ inline uint32_t getBe32Clipped(const uint8_t* data, uint64_t pos, uint32_t size)
     return v;
 }
 
-constexpr uint32_t kNone = qnv::kNoZeroPair;
+constexpr uint32_t kNone = 0xFFFFFFFFu;
 
 // The vector helpers below are always inlined, so the ABI of vector
 // arguments (which differs with and without AVX) never applies.
@@ -48,113 +50,6 @@ typedef uint8_t Bytes32 __attribute__((vector_size(32)));
     Bytes32 v;
     std::memcpy(&v, p, sizeof v);
     return v;
-}
-
-// The start-code scan as a policy of the conversion, which is compiled once
-// per instruction set.
-struct BaselineScan {
-    static uint32_t find(const uint8_t* data, uint32_t from, uint32_t last) {
-        return qnv::FindZeroPairBaseline(data, from, last);
-    }
-};
-struct BestScan {
-    static uint32_t find(const uint8_t* data, uint32_t from, uint32_t last) {
-        return qnv::FindZeroPair(data, from, last);
-    }
-};
-
-// The pass from the front leaves, in the bytes of every start code but the
-// first, a link back to the previous code, so that the pass from the back
-// visits the codes without scanning again (a code's own bytes are known from
-// its length and are restored or overwritten with the length later):
-//   four-byte code: 32 bits, bit 31 set when the previous code has four
-//   bytes, bits 0-30 the distance back to it;
-//   three-byte code: 24 bits, bit 23 likewise, bits 0-22 the distance.
-// A distance that does not fit its field (all ones) is kept in `far`.
-// guard: such distances are at least 2^23 - 1 bytes, so a frame of 32-bit
-// size has at most 513 of them (and at most 2 of 2^31 - 1 bytes).
-constexpr uint32_t kMaxFar = 520;
-
-struct Conversion {
-    uint32_t codes = 0;      // start codes (the tail code not counted)
-    uint32_t widened = 0;    // three-byte codes that become four bytes
-    uint32_t last = 0;       // position and length of the last start code
-    uint32_t lastLen = 0;
-    bool tailCode = false;   // 00 00 01 in the last three bytes: counted, not moved
-    uint64_t newSize = 0;    // the result
-    uint32_t farCount = 0;
-    uint32_t far[kMaxFar];
-};
-
-void writeLink(uint8_t* data, uint32_t code, uint32_t len, uint32_t dist, bool prevFour, Conversion& c) {
-    const uint32_t field = len == 4 ? 0x7FFFFFFFu : 0x7FFFFFu;
-    if (dist >= field) {
-        c.far[c.farCount++] = dist;
-        dist = field;
-    }
-    const uint32_t v = dist | (prevFour ? field + 1 : 0);
-    if (len == 4) {
-        putBe32(data + code, v);
-    } else {
-        data[code] = static_cast<uint8_t>(v >> 16);
-        data[code + 1] = static_cast<uint8_t>(v >> 8);
-        data[code + 2] = static_cast<uint8_t>(v);
-    }
-}
-
-// Reads the link of the code at `code` and moves there: *code, *len become
-// the previous code's.
-void followLink(const uint8_t* data, uint32_t* code, uint32_t* len, Conversion& c) {
-    const uint32_t field = *len == 4 ? 0x7FFFFFFFu : 0x7FFFFFu;
-    const uint32_t v = *len == 4 ? getBe32(data + *code)
-                                 : uint32_t(data[*code]) << 16 | uint32_t(data[*code + 1]) << 8 | data[*code + 2];
-    uint32_t dist = v & field;
-    if (dist == field) dist = c.far[--c.farCount];
-    *code -= dist;
-    *len = (v & (field + 1)) != 0 ? 4 : 3;
-}
-
-// The pass from the front over size >= 4 bytes: counts the codes and links
-// them. A start code must begin at or before size - 4; a three-byte code in
-// the last three bytes only adds one to the size.
-template <typename Scan>
-[[gnu::always_inline]] inline void plan(uint8_t* data, uint32_t size, Conversion& c) {
-    uint32_t lastOne = 0;  // the 01 of the last code; bytes up to it may hold a link
-    for (uint32_t q = Scan::find(data, 0, size - 3); q != kNone; q = Scan::find(data, q + 1, size - 3)) {
-        const uint32_t one = q + 2;
-        if (data[one] != 1) continue;
-        const bool four = one >= 3 && (c.codes == 0 || one - 3 > lastOne) && data[one - 3] == 0;
-        if (!four && one == size - 1) {
-            c.tailCode = true;
-            break;
-        }
-        const uint32_t len = four ? 4 : 3;
-        const uint32_t code = one + 1 - len;
-        if (c.codes > 0) writeLink(data, code, len, code - c.last, c.lastLen == 4, c);
-        ++c.codes;
-        if (!four) ++c.widened;
-        c.last = code;
-        c.lastLen = len;
-        lastOne = one;
-        q = one;  // the scan resumes after the 01
-    }
-    c.newSize = uint64_t(size) + c.widened + (c.tailCode ? 1 : 0);
-}
-
-// Puts the start codes back where plan() left links (a refused conversion).
-void restore(uint8_t* data, Conversion& c) {
-    uint32_t code = c.last, len = c.lastLen;
-    for (uint32_t n = c.codes; n > 1; --n) {
-        const uint32_t at = code, atLen = len;
-        followLink(data, &code, &len, c);
-        if (atLen == 4) {
-            putBe32(data + at, 1);
-        } else {
-            data[at] = 0;
-            data[at + 1] = 0;
-            data[at + 2] = 1;
-        }
-    }
 }
 
 // Frames below four bytes: only 00 00 01 converts (to FF FF FF FF, the size
@@ -204,72 +99,202 @@ template <size_t kSize>
     }
 }
 
-// The pass from the back: each unit's bytes move once, by the number of
-// three-byte codes up to it, and each slot gets its unit's length.
-[[gnu::always_inline]] inline uint32_t applyConversion(uint8_t* data, uint32_t size, Conversion& c) {
-    if (c.codes == 0) {
-        // No start code: the frame is taken to begin with a slot of its own.
-        putBe32(data, size - 4);
-        return static_cast<uint32_t>(c.newSize);
+using namespace qnv::blockscan;
+
+// The conversion of a frame of size >= 4 in two passes over the start codes,
+// each found from block masks (a 00 00 01 at j is a code; it has four bytes,
+// from j - 1, when data[j - 1] is 00 as well; a three-byte code at size - 3
+// is not a boundary and only adds one to the result).
+//
+// Pass one, forward: counts the codes and the three-byte ones, and writes
+// the lengths of the units in front of the first three-byte code, which do
+// not move. Pass two, backward, only when there are three-byte codes: from
+// the last code down to the first three-byte one, moves each unit once by
+// the number of three-byte codes up to it and writes its length. When the
+// result passes `capacity`, the slots of pass one are put back (each leads
+// to the next through its length) and the frame is as it was.
+template <class Isa>
+class Conversion {
+public:
+    Conversion(uint8_t* data, uint32_t size) : data_(data), size_(size) {}
+
+    uint32_t run(uint64_t capacity) {
+        forward();
+        const uint64_t newSize = uint64_t(size_) + widened_ + (tail_ ? 1 : 0);
+        if (newSize > capacity) {
+            restore();
+            return kNone;
+        }
+        if (codes_ == 0) {
+            putBe32(data_, size_ - 4);  // no start code: the frame is taken to begin with a slot of its own
+        } else if (widened_ == 0) {
+            putBe32(data_ + last_, size_ - last_ - 4);
+        } else {
+            backward();
+        }
+        return static_cast<uint32_t>(newSize);
     }
-    uint32_t shift = c.widened;      // how far the bytes behind the current code move up
-    uint32_t next = size + shift;    // final position of the following slot, or the end
-    uint32_t hi = size;              // old bytes [.., hi) are not placed yet
-    uint32_t code = c.last, len = c.lastLen;
-    for (uint32_t n = c.codes; n > 0; --n) {
-        const uint32_t at = code, atLen = len, one = at + atLen - 1;
-        if (n > 1) followLink(data, &code, &len, c);  // before the slot is overwritten
-        if (shift != 0) moveUp(data, one + 1, hi, shift);
-        if (atLen == 3) --shift;  // the widened code takes one byte of the shift
-        const uint32_t slot = at + shift;
-        putBe32(data + slot, next - slot - 4);
-        next = slot;
-        hi = at;
+
+private:
+    // The code whose 00 00 01 starts at j: its first byte and its length.
+    uint32_t codeStart(uint64_t j) const { return j >= 1 && data_[j - 1] == 0 ? uint32_t(j - 1) : uint32_t(j); }
+
+    void forward() {
+        const uint32_t tailCode = size_ - 3;
+        uint64_t base = 0;
+        while (base + 2 < size_) {
+            for (uint64_t m = blockHits<Isa, false>(data_, base, size_); m != 0; m &= m - 1) {
+                const uint64_t j = base + static_cast<uint32_t>(__builtin_ctzll(m));
+                const uint32_t code = codeStart(j);
+                const bool wide = code == j;
+                if (wide && j == tailCode) {
+                    tail_ = true;
+                    return;
+                }
+                // Units in front of the first three-byte code keep their place.
+                if (widened_ == 0) {
+                    if (codes_ > 0) {
+                        putBe32(data_ + last_, code - last_ - 4);
+                        ++written_;
+                    } else {
+                        first_ = code;
+                    }
+                    if (wide) firstWide_ = code;
+                }
+                widened_ += wide ? 1 : 0;
+                if (widened_ != 0) {
+                    if (recordedCount_ < kRecorded) {
+                        recorded_[recordedCount_++] = static_cast<uint32_t>(j);
+                    } else {
+                        allRecorded_ = false;
+                    }
+                }
+                last_ = code;
+                ++codes_;
+            }
+            base = skipToPair<Isa>(data_, base + kBlock, size_);
+        }
     }
-    return static_cast<uint32_t>(c.newSize);
+
+    // Puts 00 00 00 01 back into the slots forward() wrote.
+    void restore() {
+        uint32_t slot = first_;
+        for (uint32_t n = 0; n < written_; ++n) {
+            const uint32_t length = getBe32(data_ + slot);
+            putBe32(data_ + slot, 1);
+            slot += 4 + length;
+        }
+    }
+
+    // Places the unit of the code whose 00 00 01 starts at j (the units
+    // above it are placed) and writes its slot.
+    void place(uint64_t j) {
+        const uint32_t at = codeStart(j), length = static_cast<uint32_t>(j + 3 - at);
+        if (shift_ != 0) moveUp(data_, static_cast<uint32_t>(j + 3), hi_, shift_);
+        if (length == 3) --shift_;
+        const uint32_t slot = at + shift_;
+        putBe32(data_ + slot, next_ - slot - 4);
+        next_ = slot;
+        hi_ = at;
+    }
+
+    void backward() {
+        shift_ = widened_;
+        next_ = size_ + shift_;
+        hi_ = size_;
+        // The codes pass one did not record, from the top down: the 00 00 01
+        // at j <= top in blocks of 64 positions at aligned addresses (so that
+        // no load waits for the code before). A placed code's bytes are
+        // overwritten, so only positions below them count.
+        const int64_t floor = recordedCount_ == 0 ? int64_t(firstWide_) : int64_t(recorded_[recordedCount_ - 1]) + 1;
+        if (!allRecorded_) {
+            int64_t top = tail_ ? size_ - 4 : size_ - 3;
+            for (int64_t a = top - int64_t(reinterpret_cast<uintptr_t>(data_ + top) & (kBlock - 1)); top >= floor;
+                 a -= kBlock) {
+                // guard: the filter reads a whole chunk, so only chunks inside the frame
+                if (a >= 0 && a + kBlock <= size_ && !Isa::mayPair(data_ + a)) continue;
+                uint64_t m = blockHits<Isa, false>(data_, uint64_t(a), size_);
+                for (m &= upTo(top - a); m != 0; m &= upTo(top - a)) {
+                    const uint64_t j = uint64_t(a) + 63 - static_cast<uint32_t>(__builtin_clzll(m));
+                    if (int64_t(j) < floor) break;
+                    place(j);
+                    top = int64_t(hi_) - 3;
+                }
+                top = top < a ? top : a - 1;
+            }
+        }
+        for (uint32_t n = recordedCount_; n > 0; --n) place(recorded_[n - 1]);
+    }
+
+    // Bits 0..n of a block mask (none for n < 0).
+    static uint64_t upTo(int64_t n) { return n < 0 ? 0 : n >= 63 ? ~uint64_t(0) : (uint64_t(2) << n) - 1; }
+
+    uint8_t* const data_;
+    const uint32_t size_;
+    uint32_t codes_ = 0;        // start codes (the tail code not counted)
+    uint32_t widened_ = 0;      // three-byte codes that become four bytes
+    uint32_t first_ = 0;        // the first code
+    uint32_t firstWide_ = 0;    // the first three-byte code
+    uint32_t last_ = 0;         // the last code seen
+    uint32_t written_ = 0;      // slots forward() wrote, from first_ on
+    bool tail_ = false;         // 00 00 01 in the last three bytes
+    // The positions (of the 00 00 01) of the codes from the first three-byte
+    // one on, as far as they fit: pass two finds only the others again.
+    static constexpr uint32_t kRecorded = 1024;
+    uint32_t recorded_[kRecorded];
+    uint32_t recordedCount_ = 0;
+    bool allRecorded_ = true;
+    // Pass two: the shift of the bytes behind the current code, the final
+    // place of the following slot (or the end), old bytes [.., hi_) not placed.
+    uint32_t shift_ = 0, next_ = 0, hi_ = 0;
+};
+
+template <class Isa>
+uint32_t convert(uint8_t* data, uint32_t size, uint64_t capacity) {
+    return Conversion<Isa>(data, size).run(capacity);
 }
 
-// Converts a frame of size >= 4 when the result fits `capacity`; otherwise
-// leaves it as it was and returns kNone.
-template <typename Scan>
-[[gnu::always_inline]] inline uint32_t convert(uint8_t* data, uint32_t size, uint64_t capacity) {
-    Conversion c;
-    plan<Scan>(data, size, c);
-    if (c.newSize > capacity) {
-        restore(data, c);
-        return kNone;
-    }
-    return applyConversion(data, size, c);
+using Convert = uint32_t (*)(uint8_t*, uint32_t, uint64_t);
+
+[[gnu::flatten]] uint32_t convertPortable(uint8_t* d, uint32_t n, uint64_t c) { return convert<Portable>(d, n, c); }
+#if defined(__x86_64__)
+[[gnu::flatten]] uint32_t convertSse2(uint8_t* d, uint32_t n, uint64_t c) { return convert<Sse2>(d, n, c); }
+__attribute__((target("avx2"), flatten)) uint32_t convertAvx2(uint8_t* d, uint32_t n, uint64_t c) {
+    return convert<Avx2>(d, n, c);
 }
-
-}  // namespace
-
-namespace qnv {
-uint32_t h264ConvertGeneric(uint8_t* data, uint32_t size, uint64_t capacity) {
-    return convert<BaselineScan>(data, size, capacity);
-}
-}  // namespace qnv
-
-namespace {
-
-#if defined(__x86_64__) || defined(__i386__)
-__attribute__((target("avx2"))) uint32_t convertAvx2(uint8_t* data, uint32_t size, uint64_t capacity) {
-    return convert<BestScan>(data, size, capacity);
+__attribute__((target("avx512bw"), flatten)) uint32_t convertAvx512(uint8_t* d, uint32_t n, uint64_t c) {
+    return convert<Avx512>(d, n, c);
 }
 #endif
+
+Convert variant(qnv::ScanVariant v) {
+    if (!qnv::ScanVariantAvailable(v)) return nullptr;
+    switch (v) {
+#if defined(__x86_64__)
+        case qnv::ScanVariant::kSse2: return convertSse2;
+        case qnv::ScanVariant::kAvx2: return convertAvx2;
+        case qnv::ScanVariant::kAvx512: return convertAvx512;
+#endif
+        default: return convertPortable;
+    }
+}
 
 uint32_t convertFrame(uint8_t* data, uint32_t size, uint64_t capacity) {
-    using Convert = uint32_t (*)(uint8_t*, uint32_t, uint64_t);
     static const Convert best = [] {
-#if defined(__x86_64__) || defined(__i386__)
-        if (__builtin_cpu_supports("avx2")) return static_cast<Convert>(convertAvx2);
-#endif
-        return static_cast<Convert>(qnv::h264ConvertGeneric);
+        for (auto v : {qnv::ScanVariant::kAvx512, qnv::ScanVariant::kAvx2, qnv::ScanVariant::kSse2})
+            if (Convert c = variant(v)) return c;
+        return convertPortable;
     }();
     return best(data, size, capacity);
 }
 
 }  // namespace
+
+namespace qnv {
+uint32_t h264ConvertWith(ScanVariant v, uint8_t* data, uint32_t size, uint64_t capacity) {
+    return variant(v)(data, size, capacity);
+}
+}  // namespace qnv
 
 QNV_BEGIN_C
 

@@ -14,6 +14,7 @@
 #include <cstring>
 
 #include "foundation/bitio/bitio.h"
+#include "foundation/bitio/unescape.h"
 #include "qnvutil/h264/h264_syntax.h"
 #include "qnvutil/qxutil.h"
 
@@ -25,56 +26,8 @@ using syntax::WriteCoder;
 
 namespace {
 
-constexpr uint32_t kSpareBytes = 8;
-
-// The caller's bytes with emulation prevention removed, as the in-place
-// removal does it: from byte index 3 on, the third byte of every 00 00 03 (and
-// for a PPS, 00 00 0C) is dropped by moving the rest of the buffer down one
-// byte without changing its length, so the freed tail repeats the last byte.
-// Scanning resumes after the dropped byte, as the standard's removal does.
-// Built in one pass from the source: dst[j] = src[j + removed] (the last
-// source byte standing in beyond the end).
-void unescape(const uint8_t* src, uint8_t* dst, uint32_t n, bool dropOC) {
-    auto at = [&](uint64_t m) { return src[m < n ? m : n - 1]; };
-    uint32_t removed = 0;
-    uint32_t done = 0;  // dst[0, done) are final
-    for (uint32_t i = 3; uint64_t(i) + 2 < n; ++i) {
-        for (; done < i + 2; ++done) dst[done] = at(uint64_t(done) + removed);
-        uint8_t third = at(uint64_t(i) + 2 + removed);
-        if (dst[i] == 0 && dst[i + 1] == 0 && (third == 3 || (dropOC && third == 0x0C))) {
-            ++removed;
-            ++i;
-        }
-    }
-    for (; done < n; ++done) dst[done] = at(uint64_t(done) + removed);
-}
-
-// Holds the working copy for one parse; the caller's BitBuffer keeps its data.
-class WorkingCopy {
-public:
-    WorkingCopy(const BitBuffer& caller, bool dropOC) {
-        // guard: a buffer too large for a copy with spare bytes is not parsed.
-        if (caller.sizeBytes > 0xFFFFFFFFu - kSpareBytes) return;
-        const uint32_t n = caller.sizeBytes;
-        copy_ = static_cast<uint8_t*>(QxAlloc(n + kSpareBytes));
-        if (copy_ == nullptr) return;
-        if (n > 0) unescape(caller.data, copy_, n, dropOC);
-        for (uint32_t i = 0; i < kSpareBytes; ++i) copy_[n + i] = 0;
-        // sizeBytes bounds every memory access to the copy; sizeBits and
-        // bitPos are the caller's.
-        bits_ = BitBuffer{copy_, n + kSpareBytes, caller.sizeBits, caller.bitPos};
-    }
-    ~WorkingCopy() { QxFree(copy_); }
-    WorkingCopy(const WorkingCopy&) = delete;
-    WorkingCopy& operator=(const WorkingCopy&) = delete;
-
-    bool ok() const { return copy_ != nullptr; }
-    BitBuffer* bits() { return &bits_; }
-
-private:
-    uint8_t* copy_ = nullptr;
-    BitBuffer bits_{};
-};
+// The caller's bytes with emulation prevention removed (foundation/bitio).
+using WorkingCopy = UnescapedCopy;
 
 // rbsp_stop_one_bit, then single bits up to a byte boundary (stopping at a
 // failed read); the result is the position in bytes.

@@ -35,28 +35,24 @@ constexpr uint32_t kNotFound = 0xFFFFFFFFu;
 
 void logNoRoom() { ErrOut("No Allocation for CC Data"); }
 
-// Annex B: the first start code after both an SPS and a PPS were seen.
+// Annex B: the first start code after both an SPS and a PPS were seen. A
+// position holds a code when it starts 00 00 01 or 00 00 00 01; the codes
+// are found with the scanner (a four-byte one is a 00 00 01 with one more
+// zero in front that lies behind the previous code).
 uint32_t findAnnexBPosition(const uint8_t* data, uint32_t size) {
-    // guard: the scan never reads past frameSize; bytes beyond it read as -1
-    auto at = [&](uint64_t i) { return i < size ? int(data[i]) : -1; };
+    // guard: codes must start inside the window and end inside the frame
+    const uint32_t limit = size < kAvcSearchWindow + 3 ? size : kAvcSearchWindow + 3;
     bool sps = false, pps = false;
     for (uint32_t i = 0; i < kAvcSearchWindow && i < size;) {
-        uint32_t code = 0;
-        if (at(i) == 0 && at(i + 1) == 0) {
-            if (at(i + 2) == 1)
-                code = 3;
-            else if (at(i + 2) == 0 && at(i + 3) == 1)
-                code = 4;
-        }
-        if (code == 0) {
-            ++i;
-            continue;
-        }
-        if (sps && pps) return i;
-        int header = at(i + code);
-        sps |= header == 0x67;
-        pps |= header == 0x68;
-        i += code;
+        const uint32_t j = FindStartCode(data, i, limit);
+        if (j == limit) break;
+        const uint32_t code = j > i && data[j - 1] == 0 ? j - 1 : j;
+        if (code >= kAvcSearchWindow) break;
+        if (sps && pps) return code;
+        const uint32_t header = j + 3;  // after either kind of code
+        sps |= header < size && data[header] == 0x67;
+        pps |= header < size && data[header] == 0x68;
+        i = header;
     }
     return kNotFound;
 }
@@ -102,25 +98,13 @@ uint32_t hevcCaptionLimit(uint32_t frameRate) {
     }
 }
 
-// find_nal_unit over p[0, remaining) that reads no further than the first
-// kScanWindow bytes when they settle the unit's start and header: the walk
-// stops at the first slice, and a slice often fills the rest of the frame.
-// *endKnown turns false when *end is only the window's end; the caller then
-// repeats the search over the whole remainder when it needs the real end.
-constexpr uint32_t kScanWindow = 4096;
-int32_t findUnitStart(const uint8_t* p, uint32_t remaining, int32_t* start, int32_t* end, bool* endKnown) {
-    *endKnown = true;
-    if (remaining <= kScanWindow) return find_nal_unit(p, remaining, start, end);
-    int32_t length = find_nal_unit(p, kScanWindow, start, end);
-    if (length == 0 && *end == 0) return find_nal_unit(p, remaining, start, end);  // no start code in the window
-    if (uint32_t(*end) < kScanWindow) return length;                            // a zero pair inside the window
-    // The unit runs at least to kScanWindow - 2; with two bytes of header
-    // before that, the header is read exactly.
-    if (uint32_t(*start) + 4 <= kScanWindow) {
-        *endKnown = false;
-        return length;
-    }
-    return find_nal_unit(p, remaining, start, end);
+// The bytes of the unit at `start` that its header can take (at most two):
+// a unit ends at the first 00 00 00 or 00 00 01 or at the end of the data.
+uint32_t headerBytes(const uint8_t* data, uint64_t start, uint32_t size) {
+    uint32_t n = 0;
+    for (uint64_t j = start; n < 2 && j < size; ++j, ++n)
+        if (j + 2 < size && data[j] == 0 && data[j + 1] == 0 && data[j + 2] <= 1) break;
+    return n;
 }
 
 bool isVcl(int32_t type) { return (type >= 0 && type <= 9) || (type >= 16 && type <= 21); }
@@ -134,17 +118,20 @@ uint32_t buildHevcCaptionSei(const DFrame& frame, uint32_t frameRate, uint8_t* o
         ErrOut("/nToo many CC bytes %d truncated to %d", static_cast<int>(count), static_cast<int>(limit));
         count = limit;
     }
-    uint8_t rbsp[1024];
-    BitBuffer w = bitWriter(rbsp, sizeof rbsp);
-    beginHevcSei(&w, 4);  // user_data_registered_itu_t_t35
-    for (uint8_t b : kAtscUserData) WriteBits(&w, 8, b);
-    WriteBits(&w, 8, 0xCA);  // process_cc_data_flag, cc_count 10
-    WriteBits(&w, 8, 0xFF);  // em_data
+    // Every field is whole bytes: the RBSP is written as bytes.
+    uint8_t rbsp[64 + 75];
+    uint32_t n = beginHevcSei(rbsp, 4);  // user_data_registered_itu_t_t35
+    std::memcpy(rbsp + n, kAtscUserData, sizeof kAtscUserData);
+    n += sizeof kAtscUserData;
+    rbsp[n++] = 0xCA;  // process_cc_data_flag, cc_count 10
+    rbsp[n++] = 0xFF;  // em_data
     // The packet array holds every byte the limit can reach.
     static_assert(kCaptionDataOffset + 75 <= DFRAME_CAPTION_PACKET_SIZE);
-    for (uint32_t i = 0; i < count; ++i) WriteBits(&w, 8, frame.captionPacket[kCaptionDataOffset + i]);
-    WriteBits(&w, 8, 0xFF);  // marker_bits
-    WriteBits(&w, 8, 0x80);
+    std::memcpy(rbsp + n, frame.captionPacket + kCaptionDataOffset, count);
+    n += count;
+    rbsp[n++] = 0xFF;  // marker_bits
+    rbsp[n++] = 0x80;
+    BitBuffer w{rbsp, sizeof rbsp, sizeof rbsp * 8, n * 8};
     return closeHevcSei(&w, out, outSize);
 }
 
@@ -233,7 +220,7 @@ int32_t qnvutilAddMPEG2Captions(DFrame* frame) {
 uint32_t qnvUtilAddHevcCaptions(DFrame* frame, uint32_t frameRate) {
     if (frame == nullptr || frame->captionSize == 0 || validateFramePacket(*frame) != kPacketValid) return 0;
     DFrame& f = *frame;
-    uint8_t sei[512];
+    uint8_t sei[256];
     const uint32_t length = buildHevcCaptionSei(f, frameRate, sei, sizeof sei);
     if (length == 0 || length > sizeof sei || f.frameSize == 0) return 0;
     // guard: a record whose frameSize exceeds its buffer is not read. The room
@@ -241,21 +228,24 @@ uint32_t qnvUtilAddHevcCaptions(DFrame* frame, uint32_t frameRate) {
     // nothing inserted.
     if (f.frameData == nullptr || uint64_t(f.frameSize) + length >= f.frameCapacity) return 0;
 
+    // The walk of find_nal_unit calls from unit to unit, through the walker,
+    // which finds a unit's end only when the walk goes on past it.
     const uint8_t* data = f.frameData;
     const uint32_t size = f.frameSize;
+    NalUnitWalker walker(data, size);
     h264_stream_t walk{};
     uint32_t offset = 0;
     while (offset < size) {
         const uint8_t* p = data + offset;
         const uint32_t remaining = size - offset;
-        int32_t start = 0, end = 0;
-        bool endKnown = true;
-        int32_t unitLength = findUnitStart(p, remaining, &start, &end, &endKnown);
-        if (unitLength == 0 && end == 0) break;  // no further start code
-        read_nal_unit(&walk, p + start, static_cast<uint32_t>(end - start));
+        const uint64_t start = walker.findStart(offset);
+        if (start > size) break;  // no further start code
+        // Fewer than four bytes left: the whole rest is the unit.
+        const uint32_t header = remaining < 4 ? (remaining < 2 ? remaining : 2) : headerBytes(data, start, size);
+        read_nal_unit(&walk, data + start, header);
         if (isVcl(walk.nal.nal_unit_type)) {
             const uint32_t prefix = remaining >= 3 && p[0] == 0 && p[1] == 0 && p[2] == 1 ? 3 : 4;
-            const int64_t pos = int64_t(offset) + start - prefix;
+            const int64_t pos = int64_t(start) - prefix;
             // guard: a unit without a start code in front of it (the short
             // remainder of a frame) is no place for the SEI
             if (pos >= 0) {
@@ -263,8 +253,8 @@ uint32_t qnvUtilAddHevcCaptions(DFrame* frame, uint32_t frameRate) {
                 return length;
             }
         }
-        if (!endKnown) unitLength = find_nal_unit(p, remaining, &start, &end);
-        offset += unitLength == 0 ? 1u : static_cast<uint32_t>(end);
+        const UnitBounds u = walker.find(offset);
+        offset = u.end == u.start ? offset + 1 : static_cast<uint32_t>(u.end);
     }
     return 0;
 }

@@ -1,6 +1,7 @@
 // HEVC time_code SEI (payloadType 136) carrying a frame's timecode.
 #include <cstring>
 
+#include "foundation/nalscan/nalscan.h"
 #include "qnvutil/qnvvidutil.h"
 #include "qnvutil/qxutil.h"
 #include "qnvutil/sei.h"
@@ -26,14 +27,15 @@ bool isPrefixSei(const uint8_t* p) { return p[0] == 0 && p[1] == 0 && p[2] == 0 
 constexpr uint32_t kAlreadyThere = 0xFFFFFFFFu;
 uint32_t findPlace(const uint8_t* data, uint32_t size) {
     const uint32_t limit = size < kSearchWindow ? size : kSearchWindow;
-    // Each 00 00 00 01 4E has its 01 at offset 3: look for the 01 bytes.
-    for (uint32_t one = 3; one + 2 <= limit;) {
-        const void* hit = std::memchr(data + one, 0x01, limit - 1 - one);
-        if (hit == nullptr) break;
-        one = static_cast<uint32_t>(static_cast<const uint8_t*>(hit) - data);
-        const uint32_t i = one - 3;
+    // A prefix SEI 00 00 00 01 4E is a 00 00 01 at j >= 1 with a zero in
+    // front; its 01 lies at j + 2 <= limit - 2, so the codes are looked for
+    // in the first limit - 1 bytes.
+    for (uint32_t j = 1; limit >= 1;) {
+        j = FindStartCode(data, j, limit - 1);
+        if (j == limit - 1) break;
+        const uint32_t i = j - 1;
         if (!isPrefixSei(data + i)) {
-            ++one;
+            ++j;
             continue;
         }
         // guard: an SEI cut off before its payloadType byte is taken as another SEI
@@ -55,21 +57,31 @@ uint32_t buildTimeCodeSei(uint32_t frameCount, uint32_t tcType, uint8_t* out, ui
     auto field = [&](int i) { return static_cast<int32_t>(static_cast<uint8_t>(tc[i])); };
     const bool dropped = tcType == 4 || tcType == 32;
 
-    uint8_t rbsp[64];
-    BitBuffer w = bitWriter(rbsp, sizeof rbsp);
-    beginHevcSei(&w, kTimeCodePayload);
-    WriteBits(&w, 2, 1);        // num_clock_ts
-    WriteBits(&w, 1, 1);        // clock_timestamp_flag
-    WriteBits(&w, 1, 0);        // units_field_based_flag
-    WriteBits(&w, 5, 0);        // counting_type
-    WriteBits(&w, 1, 1);        // full_timestamp_flag
-    WriteBits(&w, 1, 0);        // discontinuity_flag
-    WriteBits(&w, 1, dropped);  // cnt_dropped_flag
-    WriteBits(&w, 9, field(3)); // n_frames
-    WriteBits(&w, 6, field(2)); // seconds_value
-    WriteBits(&w, 6, field(1)); // minutes_value
-    WriteBits(&w, 5, field(0)); // hours_value
-    WriteBits(&w, 5, 0);        // time_offset_length
+    // The 43 bits of the payload gathered in one word, most significant first.
+    uint64_t bits = 0;
+    uint32_t count = 0;
+    auto put = [&](uint32_t n, int32_t v) {
+        bits = bits << n | (uint64_t(uint32_t(v)) & ((uint64_t(1) << n) - 1));
+        count += n;
+    };
+    put(2, 1);           // num_clock_ts
+    put(1, 1);           // clock_timestamp_flag
+    put(1, 0);           // units_field_based_flag
+    put(5, 0);           // counting_type
+    put(1, 1);           // full_timestamp_flag
+    put(1, 0);           // discontinuity_flag
+    put(1, dropped);     // cnt_dropped_flag
+    put(9, field(3));    // n_frames
+    put(6, field(2));    // seconds_value
+    put(6, field(1));    // minutes_value
+    put(5, field(0));    // hours_value
+    put(5, 0);           // time_offset_length
+
+    uint8_t rbsp[64] = {};
+    uint32_t n = beginHevcSei(rbsp, kTimeCodePayload);
+    bits <<= 64 - count;
+    for (uint32_t i = 0; i * 8 < count; ++i) rbsp[n + i] = static_cast<uint8_t>(bits >> (56 - 8 * i));
+    BitBuffer w{rbsp, sizeof rbsp, sizeof rbsp * 8, 8 * n + count};
     return closeHevcSei(&w, out, outSize);
 }
 

@@ -2,6 +2,7 @@
 // the past-end patterns, Exp-Golomb edge values and NAL unit emission.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <random>
 #include <string>
 #include <tuple>
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include "foundation/bitio/bitio.h"
+#include "foundation/bitio/unescape.h"
 
 using namespace qnv;
 
@@ -16,7 +18,11 @@ namespace {
 
 // ---- A literal model of the reader rules --------------------------------
 
-uint32_t modelBit(const BitBuffer& bb, uint32_t p) { return (bb.data[p >> 3] >> (7 - (p & 7))) & 1u; }
+// With a known buffer size, bytes at or beyond it read as 0.
+uint32_t modelBit(const BitBuffer& bb, uint32_t p) {
+    if (bb.sizeBytes != 0 && (p >> 3) >= bb.sizeBytes) return 0;
+    return (bb.data[p >> 3] >> (7 - (p & 7))) & 1u;
+}
 
 uint64_t modelRead(BitBuffer& bb, uint32_t n, unsigned width) {
     if (static_cast<int32_t>(n) <= 0) return 0;
@@ -56,24 +62,40 @@ std::string written(Write write) {
 }  // namespace
 
 TEST(BitReader, MatchesLiteralModelEverywhere) {
+    // The library's own calls take the inline fast paths (bitio.h); the
+    // exported functions, named in parentheses, must agree with them and with
+    // the model, for unknown and known buffer sizes.
     std::mt19937 rng(7);
-    for (int round = 0; round < 20000; ++round) {
-        std::vector<uint8_t> data(24);
-        for (auto& b : data) b = rng() % 4 == 0 ? 0 : static_cast<uint8_t>(rng());
-        uint32_t sizeBits = rng() % (8 * 20);
+    for (int round = 0; round < 40000; ++round) {
+        std::vector<uint8_t> data(40);
+        for (auto& b : data) b = rng() % 4 == 0 ? 0 : static_cast<uint8_t>(rng() >> (rng() % 8));
+        uint32_t sizeBits = rng() % (8 * 36);
         uint32_t pos = rng() % (sizeBits + 12);
         uint32_t n = round % 10 == 0 ? rng() % 200 : rng() % 66;
-        BitBuffer a{data.data(), 0, sizeBits, pos}, b = a;
-        switch (round % 4) {
-            case 0: ASSERT_EQ(ReadBits(&a, n), modelRead(b, n, 32)) << pos << "/" << sizeBits << " n=" << n; break;
-            case 1: ASSERT_EQ(ReadBits64(&a, n), modelRead(b, n, 64)) << pos << "/" << sizeBits << " n=" << n; break;
-            case 2: ASSERT_EQ(ReadExponentialGolombCode(&a), modelUe(b)) << pos << "/" << sizeBits; break;
-            case 3:
-                ASSERT_EQ(ReadBit(&a), pos > sizeBits ? 0xFFFFFFFFu : modelBit(b, pos));
-                b.bitPos++;
+        const uint32_t sizeBytes = rng() % 3 == 0 ? 0 : 1 + rng() % 40;
+        // inline (a), exported (e) and model (m) readers from the same state
+        BitBuffer a{data.data(), sizeBytes, sizeBits, pos}, e = a, m = a;
+        const std::string at = std::to_string(pos) + "/" + std::to_string(sizeBits) + "/" + std::to_string(sizeBytes);
+        uint64_t got = 0, exported = 0, want = 0;
+        switch (round % 5) {
+            case 0: got = ReadBits(&a, n), exported = (ReadBits)(&e, n), want = modelRead(m, n, 32); break;
+            case 1: got = exported = ReadBits64(&a, n), e = a, want = modelRead(m, n, 64); break;
+            case 2: got = ReadExponentialGolombCode(&a), exported = (ReadExponentialGolombCode)(&e), want = modelUe(m); break;
+            case 3: {
+                const uint32_t k = modelUe(m);
+                got = uint32_t(ReadExponentialGolombCodeSigned(&a));
+                exported = uint32_t((ReadExponentialGolombCodeSigned)(&e));
+                want = (k & 1) ? (k >> 1) + 1 : uint32_t(0u - (k >> 1));
+                break;
+            }
+            case 4:
+                got = ReadBit(&a), exported = (ReadBit)(&e);
+                want = m.bitPos > sizeBits ? 0xFFFFFFFFu : modelBit(m, m.bitPos);
+                m.bitPos++;
                 break;
         }
-        ASSERT_EQ(a.bitPos, b.bitPos);
+        ASSERT_EQ(std::tuple(got, a.bitPos), std::tuple(want, m.bitPos)) << at << " n=" << n << " case " << round % 5;
+        ASSERT_EQ(std::tuple(exported, e.bitPos), std::tuple(want, m.bitPos)) << at << " n=" << n;
     }
 }
 
@@ -159,6 +181,28 @@ TEST(BitWriter, RandomCodesReadBack) {
             ASSERT_EQ(ReadExponentialGolombCodeSigned(&r), expected);
         }
         ASSERT_EQ(ReadBits(&r, 5), static_cast<uint32_t>(i & 31));
+    }
+}
+
+TEST(BitWriter, WordWritesMatchBitByBitWrites) {
+    // With a known size, WriteBits writes whole words when eight bytes lie at
+    // the position; the bytes must be those of the bit-by-bit writes.
+    std::mt19937 rng(13);
+    for (int round = 0; round < 3000; ++round) {
+        std::vector<uint8_t> fast(24), model(24);
+        for (size_t i = 0; i < fast.size(); ++i) fast[i] = model[i] = static_cast<uint8_t>(rng());
+        const uint32_t sizeBytes = 1 + rng() % 24;
+        BitBuffer f{fast.data(), sizeBytes, 0, static_cast<uint32_t>(rng() % 160)};
+        BitBuffer m{model.data(), sizeBytes, 0, f.bitPos};
+        for (int k = 0; k < 6; ++k) {
+            const uint32_t n = rng() % 40;
+            const int32_t v = static_cast<int32_t>(rng());
+            WriteBits(&f, n, v);
+            for (uint32_t i = n; i > 32; --i) WriteBit(&m, static_cast<uint8_t>(uint32_t(v) >> 31));
+            for (uint32_t i = std::min(n, 32u); i > 0; --i) WriteBit(&m, static_cast<uint8_t>(uint32_t(v) >> (i - 1)));
+        }
+        ASSERT_EQ(fast, model) << round;
+        ASSERT_EQ(f.bitPos, m.bitPos);
     }
 }
 
@@ -254,5 +298,47 @@ TEST(EmitNalUnit, OutputUnescapesToInputWithoutStartCodes) {
             back.push_back(out[i]);
         }
         ASSERT_EQ(back, rbsp);
+    }
+}
+
+namespace {
+// The removal as first written: byte by byte, reading past the end as the
+// last byte, checking at each index from 3 on.
+std::vector<uint8_t> modelUnescape(const std::vector<uint8_t>& src, bool dropOC) {
+    const uint32_t n = static_cast<uint32_t>(src.size());
+    std::vector<uint8_t> dst(n);
+    auto at = [&](uint64_t m) { return src[m < n ? m : n - 1]; };
+    uint32_t removed = 0, done = 0;
+    for (uint32_t i = 3; uint64_t(i) + 2 < n; ++i) {
+        for (; done < i + 2; ++done) dst[done] = at(uint64_t(done) + removed);
+        const uint8_t third = at(uint64_t(i) + 2 + removed);
+        if (dst[i] == 0 && dst[i + 1] == 0 && (third == 3 || (dropOC && third == 0x0C))) {
+            ++removed;
+            ++i;
+        }
+    }
+    for (; done < n; ++done) dst[done] = at(uint64_t(done) + removed);
+    return dst;
+}
+}  // namespace
+
+TEST(UnescapedCopy, MatchesTheByteByByteRemoval) {
+    std::mt19937 rng(12);
+    static const uint8_t alphabet[] = {0, 0, 0, 3, 3, 0x0C, 1, 0x80};
+    for (int round = 0; round < 20000; ++round) {
+        std::vector<uint8_t> src(1 + rng() % (round % 50 == 0 ? 700 : 40));
+        for (auto& b : src) b = alphabet[rng() % 8];
+        const bool dropOC = round % 2 != 0;
+        std::vector<uint8_t> dst(src.size());
+        UnescapeShifted(src.data(), dst.data(), static_cast<uint32_t>(src.size()), dropOC);
+        ASSERT_EQ(dst, modelUnescape(src, dropOC)) << round;
+        // The working copy: the same bytes, eight zeros, the caller's position.
+        BitBuffer caller{src.data(), static_cast<uint32_t>(src.size()), 5, 3};
+        UnescapedCopy copy(caller, dropOC);
+        ASSERT_TRUE(copy.ok());
+        const BitBuffer* b = copy.bits();
+        ASSERT_EQ(std::tuple(b->sizeBytes, b->sizeBits, b->bitPos), std::tuple(caller.sizeBytes + 8, 5u, 3u));
+        ASSERT_TRUE(std::equal(dst.begin(), dst.end(), b->data));
+        ASSERT_TRUE(std::all_of(b->data + dst.size(), b->data + dst.size() + 8, [](uint8_t x) { return x == 0; }));
     }
 }
