@@ -106,7 +106,6 @@ void runEdit(const EditOptions& o) {
     const std::vector<AccessUnit> accessUnits =
         splitAccessUnits(data, hevc ? VideoCodec::kHevc : VideoCodec::kH264);
 
-
     namespace nal = qnv::nal;
     const nal::Codec layer = nalCodec(codec);
     auto isAud = [&](uint32_t t) { return t == (hevc ? nal::hevc::kAud : nal::h264::kAud); };
