@@ -2,35 +2,18 @@
 
 #include <cstring>
 
+#include "foundation/nal/nal.h"
 #include "qnvutil/qxutil.h"
 
 namespace qnv {
 
 uint32_t UnescapeShifted(const uint8_t* src, uint8_t* dst, uint32_t n, bool dropOC) {
-    if (n == 0) return 0;
-    uint32_t written = 0, from = 0, dropped = 0;
-    // A third byte at or past n would be the repeated last byte, which is
-    // then also the second zero: no code there, so the scan ends at n - 3.
-    for (uint64_t s = 3; s + 2 < n;) {
-        const uint8_t third = src[s + 2];
-        if (third > 3 && third != 0x0C) {
-            s += 3;  // no 00 00 03 starts at s, s + 1 or s + 2
-            continue;
-        }
-        if (src[s] == 0 && src[s + 1] == 0 && (third == 3 || (dropOC && third == 0x0C))) {
-            std::memcpy(dst + written, src + from, s + 2 - from);
-            written += static_cast<uint32_t>(s + 2 - from);
-            from = static_cast<uint32_t>(s + 3);
-            ++dropped;
-            s += 3;
-            continue;
-        }
-        ++s;
-    }
-    std::memcpy(dst + written, src + from, n - from);
-    written += n - from;
-    std::memset(dst + written, src[n - 1], n - written);
-    return dropped;
+    // The NAL unit layer's unescaper in the readers' compatibility form.
+    nal::UnescapeOptions options;
+    options.from = 3;
+    options.dropZeroC = dropOC;
+    options.keepLength = true;
+    return nal::unescape(src, dst, n, options);
 }
 
 UnescapedCopy::UnescapedCopy(const BitBuffer& caller, bool dropOC) {
