@@ -96,7 +96,7 @@ void profileTierLevel(C& c, P& s, uint32_t maxSubLayersMinus1, PtlVariant varian
             // The VPS keeps one level: every sub-layer is written with entry
             // 0's presence flag, the one its reader consults.
             if (variant == PtlVariant::kVps) {
-                levelPresent[i] = QNV_FLAGI(sub_layer_level_present_flag, 0);
+                levelPresent[i] = c.u(1, s.sub_layer_level_present_flag[0], {"sub_layer_level_present_flag", n});
                 continue;
             }
         }
@@ -120,7 +120,7 @@ void profileTierLevel(C& c, P& s, uint32_t maxSubLayersMinus1, PtlVariant varian
             c.skip64(44, 0, {"sub_layer_reserved_44bits", n});
         }
         const uint32_t e = subLayerLevelEntry(variant, i);
-        if (levelPresent[e]) QNV_UI(8, sub_layer_level_idc, e);
+        if (levelPresent[e]) c.u(8, s.sub_layer_level_idc[e], {"sub_layer_level_idc", n});
     }
 }
 
@@ -480,8 +480,8 @@ Parse spsPayload(C& c, S& s, HevcConfigRecord* cfg) {
     const uint32_t last = atMost(maxSub, kSubLayerEntries - 1);
     for (uint32_t i = ordering ? 0 : last; i <= last; ++i) {
         const int32_t n = static_cast<int32_t>(i);
-        QNV_UEI(sps_max_dec_pic_buffering_minus1, 0);
-        QNV_UEI(sps_max_num_reorder_pics, 0);
+        c.ue(s.sps_max_dec_pic_buffering_minus1[0], {"sps_max_dec_pic_buffering_minus1", n});
+        c.ue(s.sps_max_num_reorder_pics[0], {"sps_max_num_reorder_pics", n});
         QNV_UE_AT(sps_max_latency_increase_plus1, n);
     }
     QNV_UE(log2_min_luma_coding_block_size_minus3);

@@ -54,10 +54,8 @@ struct HevcSets {
             if (qnvutilRead_HEVC_PPS(&bb, &r, nullptr, 0) != 0xFFFFFFFFu) pps[r.pps_pic_parameter_set_id] = r;
         }
     }
-    static uint32_t reorderLimit(const HevcSpsRecord& s) {
-        const uint32_t top = std::min(s.sps_max_sub_layers_minus1, 15u);
-        return std::min(s.sps_max_num_reorder_pics[top], 16u);
-    }
+    // The record keeps the highest sub-layer's value in entry 0.
+    static uint32_t reorderLimit(const HevcSpsRecord& s) { return std::min(s.sps_max_num_reorder_pics[0], 16u); }
 };
 
 }  // namespace
