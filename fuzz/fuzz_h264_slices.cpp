@@ -8,21 +8,10 @@
 #include <cstring>
 #include <vector>
 
+#include "fuzz/fuzz_input.h"
 #include "qnvutil/h264.h"
 
 namespace {
-
-std::vector<uint8_t> take(const uint8_t*& data, size_t& size) {
-    if (size < 2) return {};
-    size_t n = size_t(data[0]) << 8 | data[1];
-    data += 2;
-    size -= 2;
-    if (n > size) n = size;
-    std::vector<uint8_t> out(data, data + n);
-    data += n;
-    size -= n;
-    return out;
-}
 
 BitBuffer bitsOf(std::vector<uint8_t>& b) {
     return BitBuffer{b.data(), static_cast<uint32_t>(b.size()), static_cast<uint32_t>(b.size() * 8), 0};
@@ -32,7 +21,8 @@ BitBuffer bitsOf(std::vector<uint8_t>& b) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size > (1u << 16)) return 0;
-    std::vector<uint8_t> spsUnit = take(data, size), ppsUnit = take(data, size), slice(data, data + size);
+    std::vector<uint8_t> spsUnit = fuzzinput::take(data, size), ppsUnit = fuzzinput::take(data, size);
+    std::vector<uint8_t> slice(data, data + size);
     if (spsUnit.empty() || ppsUnit.empty() || slice.empty()) return 0;
 
     H264SpsRecord sps{};

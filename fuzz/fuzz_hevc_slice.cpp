@@ -7,28 +7,13 @@
 #include <memory>
 #include <vector>
 
+#include "fuzz/fuzz_input.h"
 #include "qnvutil/hevc.h"
 #include "qnvutil/hevc/hevc_slice.h"
 
-namespace {
-
-std::vector<uint8_t> take(const uint8_t*& data, size_t& size) {
-    if (size < 2) return {};
-    size_t n = size_t(data[0]) << 8 | data[1];
-    data += 2;
-    size -= 2;
-    if (n > size) n = size;
-    std::vector<uint8_t> out(data, data + n);
-    data += n;
-    size -= n;
-    return out;
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size > (1u << 16)) return 0;
-    std::vector<uint8_t> spsUnit = take(data, size), ppsUnit = take(data, size);
+    std::vector<uint8_t> spsUnit = fuzzinput::take(data, size), ppsUnit = fuzzinput::take(data, size);
     const std::vector<uint8_t> slice(data, data + size);
     if (spsUnit.empty() || ppsUnit.empty()) return 0;
     auto sps = std::make_unique<HevcSpsRecord>();

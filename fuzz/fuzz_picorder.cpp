@@ -9,30 +9,15 @@
 #include <memory>
 #include <vector>
 
+#include "fuzz/fuzz_input.h"
 #include "qnvutil/picorder.h"
-
-namespace {
-
-std::vector<uint8_t> take(const uint8_t*& data, size_t& size) {
-    if (size < 2) return {};
-    size_t n = size_t(data[0]) << 8 | data[1];
-    data += 2;
-    size -= 2;
-    if (n > size) n = size;
-    std::vector<uint8_t> out(data, data + n);
-    data += n;
-    size -= n;
-    return out;
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 1 || size > (1u << 16)) return 0;
     const bool hevc = data[0] & 1, lengthPrefixed = data[0] & 2;
     ++data;
     --size;
-    std::vector<uint8_t> spsUnit = take(data, size), ppsUnit = take(data, size);
+    std::vector<uint8_t> spsUnit = fuzzinput::take(data, size), ppsUnit = fuzzinput::take(data, size);
     if (spsUnit.empty() || ppsUnit.empty()) return 0;
     spsUnit.push_back(0);  // the HEVC readers' spare byte
     ppsUnit.push_back(0);
@@ -51,7 +36,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     PicOrderState state{};
     while (size > 0) {
-        const std::vector<uint8_t> frame = take(data, size);
+        const std::vector<uint8_t> frame = fuzzinput::take(data, size);
         if (frame.empty()) break;
         std::unique_ptr<uint8_t[]> copy(new uint8_t[frame.size()]);
         std::copy(frame.begin(), frame.end(), copy.get());
