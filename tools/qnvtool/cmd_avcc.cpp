@@ -9,6 +9,7 @@
 #include "tools/qnvtool/access_units.h"
 #include "tools/qnvtool/annexb.h"
 #include "tools/qnvtool/tool.h"
+#include "tools/qnvtool/unit_reader.h"
 
 namespace qnvtool {
 namespace {
@@ -64,21 +65,26 @@ void decode(std::vector<uint8_t> box, const std::string& what) {
 }
 
 void buildBox(const AvccOptions& o) {
-    std::vector<uint8_t> data = readFile(o.file);
-    if (!startsWithStartCode(data)) throw Error(o.file + ": not an Annex B stream (no start code at the beginning)");
-    const std::vector<AccessUnit> units = splitAccessUnits(data, VideoCodec::kH264);
-    if (units.empty()) throw Error(o.file + ": no access unit found");
+    // The first access unit is all that is read.
+    InputStream in(o.file);
+    UnitReader reader(in);
+    if (!startsWithStartCode(streamHead(reader)))
+        throw Error(in.name() + ": not an Annex B stream (no start code at the beginning)");
+    AccessUnitReader aus(reader, VideoCodec::kH264);
+    std::vector<uint8_t> first;
+    uint64_t offset = 0;
+    if (!aus.next(first, offset)) throw Error(in.name() + ": no access unit found");
     H264FrameContext frame{};
-    frame.data = data.data() + units[0].offset;
-    frame.size = units[0].size;
-    std::vector<uint8_t> record(units[0].size + 64);
+    frame.data = first.data();
+    frame.size = static_cast<uint32_t>(first.size());
+    std::vector<uint8_t> record(first.size() + 64);
     record.resize(qnvutilGetAvcc(&frame, record.data(), static_cast<uint32_t>(record.size())));
     if (record.empty())
-        throw Error(o.file + ": the first access unit has no SPS and PPS that make an 'avcC' record");
+        throw Error(in.name() + ": the first access unit has no SPS and PPS that make an 'avcC' record");
     const std::vector<uint8_t> box = makeBox("avcC", record);
     if (!o.out.empty()) writeFile(o.out, box);
     printHex(box);
-    decode(box, o.file);
+    decode(box, in.name());
 }
 
 const Registration kAvcc([](CLI::App& app) {

@@ -1,7 +1,10 @@
 // qnvtool captions IN OUT (--cdp FILE | --608-text TEXT) [--codec h264|hevc|mpeg2] [--rate N]
 //
-// Inserts one caption packet into every access unit of an H.264, HEVC or
-// MPEG-2 video elementary stream, in stream order.
+// Inserts one caption packet into every picture of an H.264, HEVC or MPEG-2
+// video elementary stream: the i-th packet goes to the picture displayed
+// i-th (see picture_order.h for IDR, CRA and RASL pictures and field pairs).
+// IN and OUT may be "-" for standard input and output; the stream is read
+// and written in chunks.
 //
 // CDP file: a sequence of caption packets, used in turn (starting over at the
 // first when the stream has more access units than the file has packets), in
@@ -13,8 +16,8 @@
 //     CDP of DC bytes.
 //
 // --608-text generates a CEA-608 pop-on caption on CC1 (row 15): it is loaded
-// over the first access units, shown from the end-of-caption command on and
-// erased a few frames before the stream ends. Each CDP carries ten cc_data
+// over the first pictures, shown from the end-of-caption command on and
+// erased four pictures before the stream ends. Each CDP carries ten cc_data
 // triplets (one field-1 pair, one field-2 pair, eight DTVCC padding
 // triplets), the count the H.264 and HEVC SEI announce.
 #include <cstdio>
@@ -25,7 +28,9 @@
 #include "tools/qnvtool/access_units.h"
 #include "tools/qnvtool/annexb.h"
 #include "tools/qnvtool/picture_order.h"
+#include "tools/qnvtool/stream_io.h"
 #include "tools/qnvtool/tool.h"
+#include "tools/qnvtool/unit_reader.h"
 
 namespace qnvtool {
 namespace {
@@ -48,7 +53,8 @@ Packet wrapCdp(const uint8_t* cdp, uint32_t length) {
 }
 
 std::vector<Packet> readCaptionPackets(const std::string& path) {
-    std::vector<uint8_t> bytes = readFile(path);
+    InputStream in(path);
+    std::vector<uint8_t> bytes = readAll(in);
     std::vector<Packet> packets;
     const bool bare = bytes.size() >= 2 && bytes[0] == 0x96 && bytes[1] == 0x69;
     size_t off = 0;
@@ -110,7 +116,10 @@ Packet cdp608(uint8_t b1, uint8_t b2, uint16_t counter, uint8_t rateCode) {
     return wrapCdp(cdp.data(), static_cast<uint32_t>(cdp.size()));
 }
 
-std::vector<Packet> make608Packets(const std::string& text, size_t count, uint32_t rate) {
+// The CEA-608 byte pairs of a pop-on caption, from its first picture to
+// its end-of-caption command; the pictures after them get none, the last
+// PacketSource::kTail the erase command.
+std::vector<std::pair<uint8_t, uint8_t>> make608Pairs(const std::string& text) {
     if (text.empty() || text.size() > 32) throw Error("--608-text: 1 to 32 characters");
     for (unsigned char c : text) {
         // Characters that the basic CEA-608 set draws as themselves.
@@ -122,24 +131,12 @@ std::vector<Packet> make608Packets(const std::string& text, size_t count, uint32
         }
     }
     // Control codes on CC1, each sent twice as receivers expect.
-    const std::pair<uint8_t, uint8_t> rcl{0x14, 0x20}, enm{0x14, 0x2E}, pac{0x14, 0x70}, eoc{0x14, 0x2F},
-        edm{0x14, 0x2C}, none{0x00, 0x00};
+    const std::pair<uint8_t, uint8_t> rcl{0x14, 0x20}, enm{0x14, 0x2E}, pac{0x14, 0x70}, eoc{0x14, 0x2F};
     std::vector<std::pair<uint8_t, uint8_t>> pairs = {rcl, rcl, enm, enm, pac, pac};
     for (size_t i = 0; i < text.size(); i += 2)
         pairs.emplace_back(text[i], i + 1 < text.size() ? text[i + 1] : 0);
     pairs.insert(pairs.end(), {eoc, eoc});
-    const size_t tail = 4;  // frames at the end that erase the caption and idle
-    if (count < pairs.size() + tail)
-        throw Error("--608-text: the stream has " + std::to_string(count) + " access units, the caption needs " +
-                    std::to_string(pairs.size() + tail));
-    while (pairs.size() < count - tail) pairs.push_back(none);
-    pairs.insert(pairs.end(), {edm, edm, none, none});
-
-    const uint8_t rateCode = cdpRateCode(rate);
-    std::vector<Packet> packets;
-    for (size_t i = 0; i < pairs.size(); ++i)
-        packets.push_back(cdp608(pairs[i].first, pairs[i].second, static_cast<uint16_t>(i % 0xFFFF + 1), rateCode));
-    return packets;
+    return pairs;
 }
 
 // ---- H.264 access units as length-prefixed frames -------------------------
@@ -148,61 +145,106 @@ std::vector<Packet> make608Packets(const std::string& text, size_t count, uint32
 // frame, or in front of its first other unit; in Annex B form it relies on a
 // leading access unit delimiter, which encoders do not always write.
 
-void appendLengthPrefixed(const std::vector<uint8_t>& data, const AccessUnit& au, std::vector<uint8_t>& out) {
-    std::vector<uint8_t> unit(data.begin() + au.offset, data.begin() + au.offset + au.size);
-    for (const NalUnit& u : listUnits(unit)) {
+void appendLengthPrefixed(const std::vector<uint8_t>& unit, std::vector<uint8_t>& out) {
+    qnv::nal::UnitWalk walk(unit.data(), static_cast<uint32_t>(unit.size()), qnv::nal::Framing::kAnnexB);
+    for (qnv::nal::Unit u; walk.next(u);) {
         out.insert(out.end(), {uint8_t(u.size >> 24), uint8_t(u.size >> 16), uint8_t(u.size >> 8), uint8_t(u.size)});
-        out.insert(out.end(), unit.begin() + u.payload, unit.begin() + u.payload + u.size);
+        out.insert(out.end(), unit.begin() + u.header(), unit.begin() + u.end());
     }
 }
 
-void appendAnnexB(const uint8_t* frame, uint32_t size, std::vector<uint8_t>& out) {
-    uint64_t off = 0;
-    while (off + 4 <= size) {
-        uint64_t length = uint64_t(frame[off]) << 24 | uint32_t(frame[off + 1]) << 16 | uint32_t(frame[off + 2]) << 8 |
-                          frame[off + 3];
-        if (off + 4 + length > size) throw Error("internal: length-prefixed frame overrun");
-        out.insert(out.end(), {0, 0, 0, 1});
-        out.insert(out.end(), frame + off + 4, frame + off + 4 + length);
-        off += 4 + length;
+void writeAnnexB(const uint8_t* frame, uint32_t size, OutputStream& out) {
+    static const uint8_t kStartCode[4] = {0, 0, 0, 1};
+    qnv::nal::UnitWalk walk(frame, size, qnv::nal::Framing::kLengthPrefixed);
+    for (qnv::nal::Unit u; walk.next(u);) {
+        out.write(kStartCode, 4);
+        out.write(frame + u.header(), u.size);
     }
+    if (walk.truncated()) throw Error("internal: length-prefixed frame overrun");
 }
 
-// ---- The command ------------------------------------------------------------
+// ---- Packets for pictures ---------------------------------------------------
 
-void runCaptions(const CaptionsOptions& o) {
-    std::vector<uint8_t> data = readFile(o.in);
-    if (data.empty()) throw Error(o.in + ": empty file");
-    const VideoCodec codec = resolveCodec(data, o.codec, o.in);
-    const std::vector<AccessUnit> units = splitAccessUnits(data, codec);
-    if (units.empty()) throw Error(o.in + ": no access units");
-    const std::vector<Packet> packets =
-        o.text.empty() ? readCaptionPackets(o.cdpFile) : make608Packets(o.text, units.size(), o.rate);
+// The packet each displayed picture gets: from a CDP file, in turn, or the
+// generated 608 caption, whose last pictures erase it (so the packet of a
+// picture depends on whether the stream ends within kTail pictures).
+class PacketSource {
+public:
+    static constexpr uint32_t kTail = 4;
 
-    std::vector<uint8_t> out, buffer;
-    out.reserve(data.size() + units.size() * 80);
-    size_t captioned = 0;
-    for (size_t i = 0; i < packets.size(); ++i) {
-        if (qnv::validateCaptionPacket(packets[i].data(), static_cast<uint32_t>(packets[i].size())) == 0) continue;
+    PacketSource(const CaptionsOptions& o) : rate_(o.rate) {
+        if (o.text.empty()) {
+            packets_ = readCaptionPackets(o.cdpFile);
+            for (size_t i = 0; i < packets_.size(); ++i) validate(packets_[i], i);
+        } else {
+            pairs_ = make608Pairs(o.text);
+            rateCode_ = cdpRateCode(o.rate);
+        }
+    }
+    uint32_t lookahead() const { return packets_.empty() ? kTail : 0; }
+
+    // The packet of the picture displayed `rank`-th; `total` is the number
+    // of displayed pictures once known (else -1).
+    const Packet& packet(int64_t rank, int64_t total) {
+        if (!packets_.empty()) return packets_[static_cast<size_t>(rank) % packets_.size()];
+        const std::pair<uint8_t, uint8_t> edm{0x14, 0x2C}, none{0x00, 0x00};
+        std::pair<uint8_t, uint8_t> pair = size_t(rank) < pairs_.size() ? pairs_[size_t(rank)] : none;
+        if (total >= 0 && rank >= total - int64_t(kTail)) pair = rank < total - 2 ? edm : none;
+        generated_ = cdp608(pair.first, pair.second, static_cast<uint16_t>(rank % 0xFFFF + 1), rateCode_);
+        return generated_;
+    }
+    // Throws Error when the stream was too short for the generated caption.
+    void checkLength(int64_t total) const {
+        const size_t needed = pairs_.size() + kTail;
+        if (packets_.empty() && size_t(total) < needed)
+            throw Error("--608-text: the stream has " + std::to_string(total) + " pictures, the caption needs " +
+                        std::to_string(needed));
+    }
+
+private:
+    static void validate(const Packet& p, size_t i) {
+        if (qnv::validateCaptionPacket(p.data(), static_cast<uint32_t>(p.size())) == 0) return;
         const std::vector<LibraryComplaint> complaints = takeLibraryComplaints();
         const std::string reason = complaints.empty() ? std::string() : complaints.back().line;
         throw Error("caption packet " + std::to_string(i) + " is invalid" + (reason.empty() ? "" : ": " + reason));
     }
-    // The i-th packet goes to the picture displayed i-th; a second field or
-    // a picture that is not displayed gets none.
-    const std::vector<int64_t> ranks = displayRanks(data, units, codec);
-    for (size_t i = 0; i < units.size(); ++i) {
-        const AccessUnit& au = units[i];
-        if (ranks[i] < 0) {
-            out.insert(out.end(), data.begin() + au.offset, data.begin() + au.offset + au.size);
+
+    uint32_t rate_;
+    uint8_t rateCode_ = 0;
+    std::vector<Packet> packets_;
+    std::vector<std::pair<uint8_t, uint8_t>> pairs_;
+    Packet generated_;
+};
+
+// ---- The command ------------------------------------------------------------
+
+void runCaptions(const CaptionsOptions& o) {
+    PacketSource source(o);
+    InputStream in(o.in);
+    UnitReader reader(in);
+    const VideoCodec codec = resolveCodec(streamHead(reader), o.codec, in.name());
+    AccessUnitReader aus(reader, codec);
+    RankedUnits units(aus, codec, source.lookahead());
+    OutputStream out(o.out);
+
+    std::vector<uint8_t> buffer;
+    size_t captioned = 0;
+    const std::vector<uint8_t>* au;
+    int64_t rank;
+    uint64_t offset;
+    while (units.next(au, rank, offset)) {
+        // The i-th packet goes to the picture displayed i-th; a second field
+        // or a picture that is not displayed gets none.
+        if (rank < 0) {
+            out.write(*au);
             continue;
         }
-        const Packet& packet = packets[static_cast<size_t>(ranks[i]) % packets.size()];
+        const Packet& packet = source.packet(rank, units.ended() ? units.ranked() : -1);
         buffer.clear();
         if (codec == VideoCodec::kH264)
-            appendLengthPrefixed(data, au, buffer);
+            appendLengthPrefixed(*au, buffer);
         else
-            buffer.assign(data.begin() + au.offset, data.begin() + au.offset + au.size);
+            buffer.assign(au->begin(), au->end());
         const uint32_t size = static_cast<uint32_t>(buffer.size());
         buffer.resize(size + packet.size() + 320);  // the room the insertions demand
 
@@ -217,27 +259,30 @@ void runCaptions(const CaptionsOptions& o) {
             case VideoCodec::kH264: {
                 int32_t r = qnvutilAddAVCCaptions(&frame, packet.data(), frame.captionSize, 1);
                 inserted = r == QNV_SEI_OK;
-                appendAnnexB(frame.frameData, frame.frameSize, out);
+                writeAnnexB(frame.frameData, frame.frameSize, out);
                 break;
             }
             case VideoCodec::kHevc: {
                 uint32_t added = qnvUtilAddHevcCaptions(&frame, o.rate);
                 frame.frameSize += added;
                 inserted = added != 0;
-                out.insert(out.end(), frame.frameData, frame.frameData + frame.frameSize);
+                out.write(frame.frameData, frame.frameSize);
                 break;
             }
             case VideoCodec::kMpeg2: {
                 int32_t r = qnvutilAddMPEG2Captions(&frame);
                 inserted = r == QNV_SEI_OK;
-                out.insert(out.end(), frame.frameData, frame.frameData + frame.frameSize);
+                out.write(frame.frameData, frame.frameSize);
                 break;
             }
         }
         captioned += inserted ? 1 : 0;
     }
-    writeFile(o.out, out);
-    std::printf("%zu access units, %zu with captions, %s\n", units.size(), captioned, videoCodecName(codec));
+    if (units.units() == 0) throw Error(in.name() + ": no access units");
+    source.checkLength(units.ranked());
+    out.commit();
+    std::fprintf(summaryFile(out), "%llu access units, %zu with captions, %s\n",
+                 static_cast<unsigned long long>(units.units()), captioned, videoCodecName(codec));
 }
 
 const Registration kCaptions([](CLI::App& app) {

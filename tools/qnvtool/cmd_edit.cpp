@@ -13,15 +13,18 @@
 // the first slice of the next picture. An inserted delimiter's picture type
 // is the narrowest one that allows the slice types of its picture.
 //
-// The output is written to a temporary file beside OUT and renamed into
-// place; on any failure OUT is left as it was.
+// The stream is read and written in chunks; IN and OUT may be "-" for
+// standard input and output. The output is written to a temporary file
+// beside OUT and renamed into place; on any failure OUT is left as it was.
 #include <cstdio>
 #include <sstream>
 
 #include "tools/qnvtool/access_units.h"
 #include "tools/qnvtool/annexb.h"
 #include "tools/qnvtool/edit.h"
+#include "tools/qnvtool/stream_io.h"
 #include "tools/qnvtool/tool.h"
+#include "tools/qnvtool/unit_reader.h"
 #include "vidformat/ratetext.h"
 
 namespace qnvtool {
@@ -82,29 +85,28 @@ EditChanges parseChanges(const EditOptions& o) {
     return c;
 }
 
-Codec streamCodec(const std::vector<uint8_t>& data, const std::vector<NalUnit>& units, const EditOptions& o) {
+Codec streamCodec(const std::vector<uint8_t>& head, const std::string& name, const EditOptions& o) {
     if (!o.codec.empty()) return parseCodec(o.codec);
-    if (!startsWithStartCode(data)) throw Error(o.in + ": not an Annex B stream (no start code at the beginning)");
-    const Codec codec = detectCodec(data, units);
-    if (codec == Codec::kUnknown) throw Error(o.in + ": no H.264 or HEVC NAL units found");
+    if (!startsWithStartCode(head)) throw Error(name + ": not an Annex B stream (no start code at the beginning)");
+    const Codec codec = detectCodec(head, listUnits(head));
+    if (codec == Codec::kUnknown) throw Error(name + ": no H.264 or HEVC NAL units found");
     return codec;
 }
 
 struct Counts {
     size_t rewritten = 0, inserted = 0, removedAud = 0, removedSei = 0;
+    uint64_t accessUnits = 0, units = 0;
 };
 
 void runEdit(const EditOptions& o) {
     const EditChanges changes = parseChanges(o);
-    const std::vector<uint8_t> data = readFile(o.in);
-    if (data.empty()) throw Error(o.in + ": empty file");
-    const std::vector<NalUnit> units = listUnits(data);
-    const Codec codec = streamCodec(data, units, o);
-    if (units.empty()) throw Error(o.in + ": no NAL units");
+    InputStream in(o.in);
+    UnitReader reader(in);
+    const Codec codec = streamCodec(streamHead(reader), in.name(), o);
     ParameterSetEditor parameterSets(codec, changes);
     const bool hevc = codec == Codec::kHevc;
-    const std::vector<AccessUnit> accessUnits =
-        splitAccessUnits(data, hevc ? VideoCodec::kHevc : VideoCodec::kH264);
+    AccessUnitReader aus(reader, hevc ? VideoCodec::kHevc : VideoCodec::kH264);
+    OutputStream out(o.out);
 
     namespace nal = qnv::nal;
     const nal::Codec layer = nalCodec(codec);
@@ -112,44 +114,52 @@ void runEdit(const EditOptions& o) {
     auto isSei = [&](uint32_t t) {
         return hevc ? t == nal::hevc::kPrefixSei || t == nal::hevc::kSuffixSei : t == nal::h264::kSei;
     };
-    auto typeOf = [&](const NalUnit& u) { return nal::unitType(layer, data[u.payload]); };
-    auto where = [&](const NalUnit& u, uint32_t type) {
-        return o.in + ": " + nal::typeName(layer, type) + " at offset " + std::to_string(u.offset);
-    };
 
-    std::vector<uint8_t> out, rebuilt;
-    out.reserve(data.size() + accessUnits.size() * 8);
-    out.insert(out.end(), data.begin(), data.begin() + units[0].offset);
+    std::vector<uint8_t> au, rebuilt;
+    std::vector<nal::Unit> units;
+    uint64_t auOffset = 0;
     PictureTypes pictureTypes(codec);
     Counts counts;
-    size_t next = 0;  // first unit of the current access unit
-    for (const AccessUnit& au : accessUnits) {
-        size_t end = next;
+    static const uint8_t kZero = 0, kStartCode[4] = {0, 0, 0, 1};
+    while (aus.next(au, auOffset)) {
+        ++counts.accessUnits;
+        const uint8_t* data = au.data();
+        units.clear();
+        nal::UnitWalk walk(data, static_cast<uint32_t>(au.size()), nal::Framing::kAnnexB);
+        for (nal::Unit u; walk.next(u);) units.push_back(u);
+        counts.units += units.size();
+        // Bytes in front of the stream's first unit pass as they are.
+        const uint32_t lead = units.empty() ? static_cast<uint32_t>(au.size()) : units[0].offset;
+        out.write(data, lead);
+
+        auto typeOf = [&](const nal::Unit& u) { return nal::unitType(layer, data[u.header()]); };
+        auto where = [&](const nal::Unit& u, uint32_t type) {
+            return in.name() + ": " + nal::typeName(layer, type) + " at offset " + std::to_string(auOffset + u.offset);
+        };
         bool hasAud = false, hasVcl = false;
-        for (; end < units.size() && units[end].offset < au.offset + au.size; ++end) {
-            const NalUnit& u = units[end];
+        for (const nal::Unit& u : units) {
             if (u.size == 0) continue;
             const uint32_t type = typeOf(u);
             hasAud |= isAud(type);
             hasVcl |= nal::isVcl(layer, type);
             if (changes.aud != AudEdit::kInsert) continue;
-            if (nal::isVcl(layer, type)) pictureTypes.noteSlice(data.data() + u.payload, u.size);
-            else pictureTypes.noteParameterSet(data.data() + u.payload, u.size);
+            if (nal::isVcl(layer, type)) pictureTypes.noteSlice(data + u.header(), u.size);
+            else pictureTypes.noteParameterSet(data + u.header(), u.size);
         }
         bool first = true;
         if (changes.aud == AudEdit::kInsert) {
             const std::vector<uint8_t> delimiter = pictureTypes.takeDelimiter();
             if (!hasAud && hasVcl) {
-                out.insert(out.end(), {0, 0, 0, 1});
-                out.insert(out.end(), delimiter.begin(), delimiter.end());
+                out.write(kStartCode, 4);
+                out.write(delimiter);
                 ++counts.inserted;
                 first = false;
             }
         }
-        for (; next < end; ++next) {
-            const NalUnit& u = units[next];
-            const size_t following = next + 1 < units.size() ? units[next + 1].offset : data.size();
-            const uint8_t* body = data.data() + u.payload;
+        for (size_t i = 0; i < units.size(); ++i) {
+            const nal::Unit& u = units[i];
+            const size_t following = i + 1 < units.size() ? units[i + 1].offset : au.size();
+            const uint8_t* body = data + u.header();
             size_t bodySize = u.size;
             const uint32_t type = u.size == 0 ? 0xFFFFFFFFu : typeOf(u);
             if (u.size != 0 && changes.aud == AudEdit::kRemove && isAud(type)) {
@@ -172,20 +182,22 @@ void runEdit(const EditOptions& o) {
                 }
             }
             // The first unit of an access unit has the zero_byte in front.
-            if (first && u.startCode == 3) out.push_back(0);
-            out.insert(out.end(), data.begin() + u.offset, data.begin() + u.payload);
-            out.insert(out.end(), body, body + bodySize);
-            out.insert(out.end(), data.begin() + u.payload + u.size, data.begin() + following);
+            if (first && u.prefix == 3) out.write(&kZero, 1);
+            out.write(data + u.offset, u.prefix);
+            out.write(body, bodySize);
+            out.write(data + u.end(), following - u.end());
             first = false;
         }
     }
+    if (counts.units == 0) throw Error(in.name() + ": no NAL units");
     if (changes.sequence() && counts.rewritten == 0)
-        throw Error(o.in + ": no SPS to carry the parameter set changes");
-    replaceFile(o.out, out);
-    std::printf("%zu access units, %s: %zu parameter sets rewritten, %zu delimiters inserted, %zu removed, "
-                "%zu SEI messages removed\n",
-                accessUnits.size(), codecName(codec), counts.rewritten, counts.inserted, counts.removedAud,
-                counts.removedSei);
+        throw Error(in.name() + ": no SPS to carry the parameter set changes");
+    out.commit();
+    std::fprintf(summaryFile(out),
+                 "%llu access units, %s: %zu parameter sets rewritten, %zu delimiters inserted, %zu removed, "
+                 "%zu SEI messages removed\n",
+                 static_cast<unsigned long long>(counts.accessUnits), codecName(codec), counts.rewritten,
+                 counts.inserted, counts.removedAud, counts.removedSei);
 }
 
 const Registration kEdit([](CLI::App& app) {

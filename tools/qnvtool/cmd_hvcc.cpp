@@ -7,6 +7,7 @@
 #include "qnvutil/hevc/hevc_internal.h"
 #include "tools/qnvtool/annexb.h"
 #include "tools/qnvtool/tool.h"
+#include "tools/qnvtool/unit_reader.h"
 
 namespace qnvtool {
 namespace {
@@ -70,19 +71,22 @@ void readBox(const std::string& path) {
 }
 
 void buildBox(const HvccOptions& o) {
-    std::vector<uint8_t> data = readFile(o.file);
-    if (!startsWithStartCode(data)) throw Error(o.file + ": not an Annex B stream (no start code at the beginning)");
+    InputStream in(o.file);
+    UnitReader reader(in);
+    if (!startsWithStartCode(streamHead(reader)))
+        throw Error(in.name() + ": not an Annex B stream (no start code at the beginning)");
     HevcConfigRecord config{};
     config.configurationVersion = 1;
     config.lengthSizeMinusOne = 3;
     auto sets = std::make_unique<Sets>();
     std::vector<uint8_t> nal[3];
-    for (const NalUnit& u : listUnits(data)) {
+    // The stream is read up to its first VPS, SPS and PPS.
+    for (StreamUnit u; (nal[0].empty() || nal[1].empty() || nal[2].empty()) && reader.next(u);) {
         if (u.size < 2) continue;
-        const uint32_t type = qnv::nal::unitType(qnv::nal::Codec::kHevc, data[u.payload]);
+        const uint32_t type = qnv::nal::unitType(qnv::nal::Codec::kHevc, u.unit()[0]);
         if (type < 32 || type > 34 || !nal[type - 32].empty()) continue;
         std::vector<uint8_t>& unit = nal[type - 32];
-        unit.assign(data.begin() + u.payload, data.begin() + u.payload + u.size);
+        unit.assign(u.unit(), u.unit() + u.size);
         while (unit.size() > 2 && unit.back() == 0) unit.pop_back();
         std::vector<uint8_t> copy(unit);
         copy.push_back(0);
@@ -90,12 +94,14 @@ void buildBox(const HvccOptions& o) {
         uint32_t r = type == 32   ? qnvutilRead_HEVC_VPS(&bb, &sets->vps, &config, 0)
                      : type == 33 ? qnvutilRead_HEVC_SPS(&bb, &sets->sps, &config, 0)
                                   : qnvutilRead_HEVC_PPS(&bb, &sets->pps, &config, 0);
-        if (r == 0xFFFFFFFFu) throw Error(o.file + ": a parameter set at offset " + std::to_string(u.offset) + " cannot be read");
+        if (r == 0xFFFFFFFFu)
+            throw Error(in.name() + ": a parameter set at offset " + std::to_string(u.startCodeOffset()) +
+                        " cannot be read");
         ++config.numOfArrays;
     }
-    if (nal[1].empty()) throw Error(o.file + ": no HEVC sequence parameter set found");
+    if (nal[1].empty()) throw Error(in.name() + ": no HEVC sequence parameter set found");
     for (const auto& n : nal)
-        if (n.size() > 0xFFFF) throw Error(o.file + ": parameter set too large for the record");
+        if (n.size() > 0xFFFF) throw Error(in.name() + ": parameter set too large for the record");
 
     std::vector<uint8_t> record(23 + 3 * 5 + nal[0].size() + nal[1].size() + nal[2].size());
     BitBuffer out{record.data(), static_cast<uint32_t>(record.size()), 0, 0};

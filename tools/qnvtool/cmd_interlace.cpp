@@ -4,12 +4,14 @@
 // field-coded stream: consecutive pictures in stream order become the top and
 // bottom field of one frame (the stream should have no reordered pictures),
 // re-flagged by qnvutilSetFrameInterlaced. A last picture without a partner
-// is left out.
+// is left out. IN and OUT may be "-" for standard input and output.
 #include <cstdio>
 
 #include "qnvutil/hevc.h"
 #include "tools/qnvtool/access_units.h"
+#include "tools/qnvtool/stream_io.h"
 #include "tools/qnvtool/tool.h"
+#include "tools/qnvtool/unit_reader.h"
 
 namespace qnvtool {
 namespace {
@@ -19,22 +21,28 @@ struct InterlaceOptions {
 };
 
 void runInterlace(const InterlaceOptions& o) {
-    std::vector<uint8_t> data = readFile(o.in);
-    if (data.empty()) throw Error(o.in + ": empty file");
-    if (resolveCodec(data, "", o.in) != VideoCodec::kHevc) throw Error(o.in + ": not an HEVC stream");
-    const std::vector<AccessUnit> units = splitAccessUnits(data, VideoCodec::kHevc);
-    if (units.size() < 2) throw Error(o.in + ": fewer than two pictures");
+    InputStream in(o.in);
+    UnitReader reader(in);
+    if (resolveCodec(streamHead(reader), "", in.name()) != VideoCodec::kHevc)
+        throw Error(in.name() + ": not an HEVC stream");
+    AccessUnitReader aus(reader, VideoCodec::kHevc);
+    OutputStream out(o.out);
 
-    std::vector<uint8_t> out, buffer;
-    out.reserve(data.size() + data.size() / 8);
+    std::vector<uint8_t> pair, second, buffer;
+    uint64_t pictures = 0, offset = 0, secondOffset = 0;
     size_t copiedAsTheyStand = 0;
-    for (size_t i = 0; i + 1 < units.size(); i += 2) {
+    while (aus.next(pair, offset)) {
+        ++pictures;
+        if (!aus.next(second, secondOffset)) break;
+        ++pictures;
         DFrame source{};
-        source.frameData = data.data() + units[i].offset;
-        source.frameSize = units[i].size + units[i + 1].size;  // the two units lie back to back
+        const auto firstSize = static_cast<uint32_t>(pair.size());
+        pair.insert(pair.end(), second.begin(), second.end());  // the two units back to back
+        source.frameData = pair.data();
+        source.frameSize = static_cast<uint32_t>(pair.size());
         source.frameCapacity = source.frameSize;
         source.frameFlags = HEVC_FRAME_FIRST_FIELD | HEVC_FRAME_SECOND_FIELD;
-        source.secondFieldOffset = units[i].size;
+        source.secondFieldOffset = firstSize;
         // Parameter sets may grow by their VUI; each field gains one SEI.
         buffer.resize(source.frameSize + 4096);
         DFrame field{};
@@ -44,15 +52,17 @@ void runInterlace(const InterlaceOptions& o) {
         if (status == HEVC_INTERLACE_PS_COPIED)
             ++copiedAsTheyStand;
         else if (status != HEVC_INTERLACE_OK)
-            throw Error(o.in + ": the pictures at offset " + std::to_string(units[i].offset) +
-                        " could not be re-flagged");
-        out.insert(out.end(), field.frameData, field.frameData + field.frameSize);
+            throw Error(in.name() + ": the pictures at offset " + std::to_string(offset) + " could not be re-flagged");
+        out.write(field.frameData, field.frameSize);
     }
-    writeFile(o.out, out);
-    std::printf("%zu pictures, field pairs: %zu", units.size(), units.size() / 2);
-    if (units.size() % 2) std::printf(", the last picture left out");
-    if (copiedAsTheyStand) std::printf(", with a parameter set copied as it stood: %zu", copiedAsTheyStand);
-    std::printf("\n");
+    if (pictures < 2) throw Error(in.name() + ": fewer than two pictures");
+    out.commit();
+    FILE* summary = summaryFile(out);
+    std::fprintf(summary, "%llu pictures, field pairs: %llu", static_cast<unsigned long long>(pictures),
+                 static_cast<unsigned long long>(pictures / 2));
+    if (pictures % 2) std::fprintf(summary, ", the last picture left out");
+    if (copiedAsTheyStand) std::fprintf(summary, ", with a parameter set copied as it stood: %zu", copiedAsTheyStand);
+    std::fprintf(summary, "\n");
 }
 
 const Registration kInterlace([](CLI::App& app) {

@@ -1,8 +1,11 @@
-// qnvtool nals FILE [--codec h264|hevc]: lists the NAL units of an Annex B stream.
+// qnvtool nals FILE [--codec h264|hevc]: lists the NAL units of an Annex B
+// stream (FILE "-": standard input), reading it in chunks.
 #include <cstdio>
 
 #include "tools/qnvtool/annexb.h"
+#include "tools/qnvtool/stream_io.h"
 #include "tools/qnvtool/tool.h"
+#include "tools/qnvtool/unit_reader.h"
 
 namespace qnvtool {
 namespace {
@@ -13,24 +16,29 @@ struct NalsOptions {
 };
 
 void runNals(const NalsOptions& o) {
-    std::vector<uint8_t> data = readFile(o.file);
-    if (data.empty()) throw Error(o.file + ": empty file");
-    if (!startsWithStartCode(data)) throw Error(o.file + ": not an Annex B stream (no start code at the beginning)");
-    std::vector<NalUnit> units = listUnits(data);
-    Codec codec = o.codec.empty() ? detectCodec(data, units) : parseCodec(o.codec);
-    if (codec == Codec::kUnknown) throw Error(o.file + ": no H.264 or HEVC NAL units found");
+    InputStream in(o.file, true);
+    UnitReader reader(in);
+    const std::vector<uint8_t> head = streamHead(reader);
+    if (!startsWithStartCode(head)) throw Error(in.name() + ": not an Annex B stream (no start code at the beginning)");
+    const Codec codec = o.codec.empty() ? detectCodec(head, listUnits(head)) : parseCodec(o.codec);
+    if (codec == Codec::kUnknown) throw Error(in.name() + ": no H.264 or HEVC NAL units found");
 
     std::printf("%10s %3s %10s %5s  %s\n", "offset", "sc", "size", "type", "name");
-    for (const NalUnit& u : units) {
+    uint64_t count = 0;
+    for (StreamUnit u; reader.next(u);) {
+        if (u.prefix == 0) continue;  // bytes with no unit
+        ++count;
+        const auto offset = static_cast<unsigned long long>(u.startCodeOffset());
         if (u.size == 0) {
-            std::printf("%10u %3u %10u %5s  %s\n", u.offset, u.startCode, 0u, "-", "(empty)");
+            std::printf("%10llu %3u %10u %5s  %s\n", offset, u.prefix, 0u, "-", "(empty)");
             continue;
         }
-        uint32_t type = qnv::nal::unitType(nalCodec(codec), data[u.payload]);
-        std::printf("%10u %3u %10u %5u  %s\n", u.offset, u.startCode, u.size, type,
+        const uint32_t type = qnv::nal::unitType(nalCodec(codec), u.unit()[0]);
+        std::printf("%10llu %3u %10u %5u  %s\n", offset, u.prefix, u.size, type,
                     qnv::nal::typeName(nalCodec(codec), type));
     }
-    std::printf("%zu NAL units, %s\n", units.size(), codecName(codec));
+    clearProgressLine();
+    std::printf("%llu NAL units, %s\n", static_cast<unsigned long long>(count), codecName(codec));
 }
 
 const Registration kNals([](CLI::App& app) {

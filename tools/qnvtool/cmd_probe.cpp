@@ -1,9 +1,10 @@
 // qnvtool probe FILE [--first] [--kind NAME]: describes a stream with the
-// prober that recognises it.
+// prober that recognises it, reading it in chunks (FILE "-": standard input).
 #include <iostream>
 #include <memory>
 
 #include "tools/qnvtool/probe.h"
+#include "tools/qnvtool/stream_io.h"
 #include "tools/qnvtool/tool.h"
 
 namespace qnvtool {
@@ -21,16 +22,17 @@ struct ProbeArgs {
 };
 
 void runProbe(const ProbeArgs& a) {
-    std::vector<uint8_t> data = readFile(a.file);
-    if (data.empty()) throw Error(a.file + ": empty file");
+    InputStream in(a.file, true);
+    UnitReader stream(in);
+    const std::vector<uint8_t> head = streamHead(stream);
     for (const Prober& p : probers()) {
-        if (a.kind.empty() ? p.detect(data) : a.kind == p.name) {
-            p.run(data, a.options, std::cout);
+        if (a.kind.empty() ? p.detect(head) : a.kind == p.name) {
+            p.run(stream, a.options, std::cout);
             return;
         }
     }
     if (!a.kind.empty()) throw Error("unknown stream kind '" + a.kind + "'");
-    throw Error(a.file + ": not a stream that qnvtool can probe");
+    throw Error(in.name() + ": not a stream that qnvtool can probe");
 }
 
 const Registration kProbe([](CLI::App& app) {
@@ -45,5 +47,23 @@ const Registration kProbe([](CLI::App& app) {
 }  // namespace
 
 ProberRegistration::ProberRegistration(const Prober& prober) { probers().push_back(prober); }
+
+void JsonArrayPrinter::add(const Json& element) {
+    const std::string pad(static_cast<size_t>(indent_) + 2, ' ');
+    const std::string text = element.dump(2);
+    out_ << (count_++ == 0 ? "[\n" : ",\n") << pad;
+    for (char c : text) {
+        out_ << c;
+        if (c == '\n') out_ << pad;
+    }
+}
+
+void JsonArrayPrinter::close() {
+    if (count_ == 0) {
+        out_ << "[]";
+        return;
+    }
+    out_ << "\n" << std::string(static_cast<size_t>(indent_), ' ') << "]";
+}
 
 }  // namespace qnvtool

@@ -15,7 +15,9 @@
 #include "qnvutil/vidformat.h"
 #include "tools/qnvtool/access_units.h"
 #include "tools/qnvtool/picture_order.h"
+#include "tools/qnvtool/stream_io.h"
 #include "tools/qnvtool/tool.h"
+#include "tools/qnvtool/unit_reader.h"
 #include "vidformat/ratetext.h"
 
 namespace qnvtool {
@@ -69,37 +71,42 @@ uint32_t parseStart(std::string text, uint32_t type) {
 void runTimecode(const TimecodeOptions& o) {
     const uint32_t type = timecodeType(o.rate, o.nonDrop);
     const uint32_t first = parseStart(o.start, type);
-    std::vector<uint8_t> data = readFile(o.in);
-    if (data.empty()) throw Error(o.in + ": empty file");
-    if (resolveCodec(data, "", o.in) != VideoCodec::kHevc) throw Error(o.in + ": time codes go into HEVC streams only");
-    const std::vector<AccessUnit> units = splitAccessUnits(data, VideoCodec::kHevc);
+    InputStream in(o.in);
+    UnitReader reader(in);
+    if (resolveCodec(streamHead(reader), "", in.name()) != VideoCodec::kHevc)
+        throw Error(in.name() + ": time codes go into HEVC streams only");
+    AccessUnitReader aus(reader, VideoCodec::kHevc);
+    RankedUnits units(aus, VideoCodec::kHevc, 0);
+    OutputStream out(o.out);
 
-    std::vector<uint8_t> out, buffer;
-    out.reserve(data.size() + units.size() * 24);
+    std::vector<uint8_t> buffer;
     size_t stamped = 0;
-    // The time code start + i goes to the picture displayed i-th.
-    const std::vector<int64_t> ranks = displayRanks(data, units, VideoCodec::kHevc);
-    for (size_t i = 0; i < units.size(); ++i) {
-        const AccessUnit& au = units[i];
-        if (ranks[i] < 0) {
-            out.insert(out.end(), data.begin() + au.offset, data.begin() + au.offset + au.size);
+    const std::vector<uint8_t>* au;
+    int64_t rank;
+    uint64_t offset;
+    while (units.next(au, rank, offset)) {
+        // The time code start + i goes to the picture displayed i-th.
+        if (rank < 0) {
+            out.write(*au);
             continue;
         }
-        buffer.assign(data.begin() + au.offset, data.begin() + au.offset + au.size);
-        buffer.resize(au.size + 64);  // a time code SEI is at most a few tens of bytes
+        const auto size = static_cast<uint32_t>(au->size());
+        buffer.assign(au->begin(), au->end());
+        buffer.resize(size + 64);  // a time code SEI is at most a few tens of bytes
         DFrame frame{};
         frame.frameData = buffer.data();
         frame.frameCapacity = static_cast<uint32_t>(buffer.size());
-        frame.frameSize = au.size;
-        frame.frameTimecode = first + static_cast<uint32_t>(ranks[i]);
+        frame.frameSize = size;
+        frame.frameTimecode = first + static_cast<uint32_t>(rank);
         qnvutilAddHEVCTimeCode(&frame, type);
-        stamped += frame.frameSize != au.size ? 1 : 0;
-        out.insert(out.end(), frame.frameData, frame.frameData + frame.frameSize);
+        stamped += frame.frameSize != size ? 1 : 0;
+        out.write(frame.frameData, frame.frameSize);
     }
-    writeFile(o.out, out);
+    out.commit();
     char text[TCT_TEXT_SIZE];
     TimecodeTextFormat(first, type, text);
-    std::printf("%zu access units, %zu time codes from %s\n", units.size(), stamped, text);
+    std::fprintf(summaryFile(out), "%llu access units, %zu time codes from %s\n",
+                 static_cast<unsigned long long>(units.units()), stamped, text);
 }
 
 const Registration kTimecode([](CLI::App& app) {

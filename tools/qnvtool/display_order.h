@@ -31,6 +31,8 @@ public:
     bool pop(int64_t& rank);
     // End of the stream: every waiting picture is displayed, in POC order.
     void finish();
+    // Display places handed out so far.
+    int64_t ranked() const { return nextRank_; }
     // Units pushed and not yet popped.
     size_t waiting() const { return decoded_.size(); }
 

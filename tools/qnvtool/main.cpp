@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "qnvutil/qxutil.h"
+#include "tools/qnvtool/stream_io.h"
 #include "tools/qnvtool/tool.h"
 
 namespace qnvtool {
@@ -90,41 +91,14 @@ size_t utf8Length(std::string_view text, size_t i) {
 Registration::Registration(std::function<void(CLI::App&)> setup) { registry().push_back(std::move(setup)); }
 
 std::vector<uint8_t> readFile(const std::string& path) {
-    const auto failure = [&](int error) { return Error(path + ": " + std::strerror(error)); };
-    int fd;
-    do {
-        fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    } while (fd < 0 && errno == EINTR);
-    if (fd < 0) throw failure(errno);
-    struct stat st;
-    if (::fstat(fd, &st) != 0 || S_ISDIR(st.st_mode)) {
-        int error = S_ISDIR(st.st_mode) ? EISDIR : errno;
-        ::close(fd);
-        throw failure(error);
-    }
-    std::vector<uint8_t> bytes;
-    if (S_ISREG(st.st_mode)) bytes.reserve(static_cast<size_t>(st.st_size));
-    uint8_t chunk[65536];
-    for (;;) {
-        ssize_t n = ::read(fd, chunk, sizeof chunk);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) {
-            int error = errno;
-            ::close(fd);
-            throw failure(error);
-        }
-        if (n == 0) break;
-        bytes.insert(bytes.end(), chunk, chunk + n);
-    }
-    ::close(fd);
-    return bytes;
+    InputStream in(path);
+    return readAll(in);
 }
 
 void writeFile(const std::string& path, const std::vector<uint8_t>& bytes) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    if (!out) throw Error(path + ": " + std::strerror(errno));
-    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-    if (!out.flush()) throw Error(path + ": write error");
+    OutputStream out(path);
+    out.write(bytes);
+    out.commit();
 }
 
 std::vector<uint8_t> makeBox(const char (&type)[5], const std::vector<uint8_t>& payload) {
@@ -178,38 +152,6 @@ std::string lastLibraryDebugLine() {
     return log.debugLine;
 }
 
-void replaceFile(const std::string& path, const std::vector<uint8_t>& bytes) {
-    const size_t slash = path.find_last_of('/');
-    const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-    const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
-    std::string temporary = folder + (slash == std::string::npos ? "/." : ".") + name + ".XXXXXX";
-    const int fd = mkstemp(temporary.data());
-    if (fd < 0) throw Error(path + ": " + std::strerror(errno));
-    const uint8_t* at = bytes.data();
-    size_t left = bytes.size();
-    int error = 0;
-    while (left > 0 && error == 0) {
-        const ssize_t n = ::write(fd, at, left);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            error = n < 0 ? errno : EIO;
-        } else {
-            at += n;
-            left -= static_cast<size_t>(n);
-        }
-    }
-    // The new file gets the permissions a newly created file would get.
-    const mode_t mask = umask(0);
-    umask(mask);
-    if (error == 0 && fchmod(fd, 0666 & ~mask) != 0) error = errno;
-    if (::close(fd) != 0 && error == 0) error = errno;
-    if (error == 0 && std::rename(temporary.c_str(), path.c_str()) != 0) error = errno;
-    if (error != 0) {
-        std::remove(temporary.c_str());
-        throw Error(path + ": " + std::strerror(error));
-    }
-}
-
 }  // namespace qnvtool
 
 int main(int argc, char** argv) {
@@ -217,6 +159,7 @@ int main(int argc, char** argv) {
     app.require_subcommand(1);
     app.fallthrough();  // --verbose after the subcommand too
     app.add_flag("-v,--verbose", qnvtool::libraryLog().verbose, "print the library's complaints as they come");
+    app.add_flag("-q,--quiet", qnvtool::gQuiet, "no progress line on a terminal");
     for (auto& setup : qnvtool::registry()) setup(app);
     QxSetLogSink(qnvtool::collect, &qnvtool::libraryLog());
     try {

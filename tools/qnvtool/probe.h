@@ -7,6 +7,10 @@
 #include <string>
 #include <vector>
 
+#include "tools/qnvtool/probe_json.h"
+
+#include "tools/qnvtool/unit_reader.h"
+
 namespace qnvtool {
 
 struct ProbeOptions {
@@ -16,11 +20,29 @@ struct ProbeOptions {
 
 struct Prober {
     const char* name;  // value of --kind, e.g. "h264"
-    // True when the data is this prober's kind of stream. Detections of
-    // different probers must not overlap.
-    bool (*detect)(const std::vector<uint8_t>& data);
-    // Prints the stream's description; throws Error on failure.
-    void (*run)(const std::vector<uint8_t>& data, const ProbeOptions& options, std::ostream& out);
+    // True when the stream's first bytes (up to kDetectBytes) are this
+    // prober's kind of stream. Detections of different probers must not
+    // overlap.
+    bool (*detect)(const std::vector<uint8_t>& head);
+    // Reads the stream and prints its description; throws Error on failure.
+    void (*run)(UnitReader& stream, const ProbeOptions& options, std::ostream& out);
+};
+
+// Prints the elements of a JSON array as they come, `indent` spaces in,
+// in the layout of nlohmann::json::dump(2): "[" is written with the first
+// element, so that nothing is printed for a list that stays empty.
+class JsonArrayPrinter {
+public:
+    JsonArrayPrinter(std::ostream& out, int indent) : out_(out), indent_(indent) {}
+    void add(const Json& element);
+    // Closes the array ("[]" when empty).
+    void close();
+    size_t size() const { return count_; }
+
+private:
+    std::ostream& out_;
+    int indent_;
+    size_t count_ = 0;
 };
 
 struct ProberRegistration {

@@ -8,6 +8,7 @@
 #include "qnvutil/aac.h"
 #include "qnvutil/aac/aac_internal.h"
 #include "tools/qnvtool/probe.h"
+#include "tools/qnvtool/stream_io.h"
 #include "tools/qnvtool/tool.h"
 
 namespace qnvtool {
@@ -16,57 +17,67 @@ namespace {
 constexpr size_t kShortHeader = 7;  // header bytes without a CRC word
 
 struct Frame {
-    size_t offset;
+    uint64_t offset;
     ADTSHeader header;
     uint32_t headerBits;  // as the library read it: 56, or 72 with the CRC word
+    bool truncated;       // the stream ends inside the frame
 };
 
-// The header at `offset`, read through a buffer that stops at the file's end.
-Frame readFrame(const std::vector<uint8_t>& data, size_t offset) {
-    size_t available = data.size() - offset < 9 ? data.size() - offset : 9;
-    BitBuffer bb{const_cast<uint8_t*>(data.data() + offset), static_cast<uint32_t>(available),
-                 static_cast<uint32_t>(available * 8), 0};
-    Frame f{offset, {}, 0};
+// The header at the start of `bytes` (`available` of them, at most 9 are read).
+Frame readFrame(const uint8_t* bytes, size_t available, uint64_t offset) {
+    available = available < 9 ? available : 9;
+    BitBuffer bb{const_cast<uint8_t*>(bytes), static_cast<uint32_t>(available), static_cast<uint32_t>(available * 8),
+                 0};
+    Frame f{offset, {}, 0, false};
     qnvutilReadADTS(&bb, &f.header);
     f.headerBits = bb.bitPos;
     return f;
 }
 
-bool syncAt(const std::vector<uint8_t>& data, size_t offset) {
-    return data.size() - offset >= kShortHeader && data[offset] == 0xFF && (data[offset + 1] & 0xF6) == 0xF0;
+bool syncAt(const uint8_t* bytes, size_t available) {
+    return available >= kShortHeader && bytes[0] == 0xFF && (bytes[1] & 0xF6) == 0xF0;
 }
 
-bool detectAdts(const std::vector<uint8_t>& data) {
-    if (!syncAt(data, 0)) return false;
-    uint32_t length = readFrame(data, 0).header.aac_frame_length;
-    // A second frame, when the file has one, must start where the first ends.
-    return length >= kShortHeader && (length >= data.size() || syncAt(data, length));
+bool detectAdts(const std::vector<uint8_t>& head) {
+    if (!syncAt(head.data(), head.size())) return false;
+    const uint32_t length = readFrame(head.data(), head.size(), 0).header.aac_frame_length;
+    // A second frame, when the head holds one, must start where the first ends.
+    return length >= kShortHeader && (length >= head.size() || syncAt(head.data() + length, head.size() - length));
 }
 
-struct Walk {
-    std::vector<Frame> frames;
-    std::string problem;  // why the walk stopped before the end of the file
-};
-
-// Every frame up to the end of the file or to a place without a header.
-Walk walk(const std::vector<uint8_t>& data) {
-    Walk w;
-    size_t offset = 0;
-    while (offset < data.size()) {
-        if (!syncAt(data, offset)) {
-            w.problem = "offset " + std::to_string(offset) + ": no ADTS header";
-            break;
+// The frames of a stream one at a time, up to its end or to a place without
+// a header.
+class FrameWalk {
+public:
+    explicit FrameWalk(UnitReader& stream) : stream_(stream) {}
+    bool next(Frame& f) {
+        if (stopped_) return false;
+        size_t available = 0;
+        const uint8_t* bytes = stream_.peek(9, available);
+        if (available == 0) return stopped_ = true, false;
+        const uint64_t offset = stream_.position();
+        if (!syncAt(bytes, available)) {
+            problem_ = "offset " + std::to_string(offset) + ": no ADTS header";
+            return stopped_ = true, false;
         }
-        w.frames.push_back(readFrame(data, offset));
-        uint32_t length = w.frames.back().header.aac_frame_length;
+        f = readFrame(bytes, available, offset);
+        const uint32_t length = f.header.aac_frame_length;
         if (length < kShortHeader) {
-            w.problem = "offset " + std::to_string(offset) + ": frame length " + std::to_string(length);
-            break;
+            problem_ = "offset " + std::to_string(offset) + ": frame length " + std::to_string(length);
+            stopped_ = true;
+            return true;
         }
-        offset += length;
+        f.truncated = stream_.skip(length) < length;
+        return true;
     }
-    return w;
-}
+    // Why the walk stopped before the end of the stream ("" when it did not).
+    const std::string& problem() const { return problem_; }
+
+private:
+    UnitReader& stream_;
+    std::string problem_;
+    bool stopped_ = false;
+};
 
 const char* profileName(uint32_t profile) {
     static const char* const kNames[4] = {"Main", "LC", "SSR", "LTP"};
@@ -81,36 +92,51 @@ std::string crcText(const Frame& f) {
     return text;
 }
 
-void printTable(const std::vector<Frame>& frames, size_t fileSize, std::ostream& out) {
+void printTable(FrameWalk& walk, std::ostream& out) {
     char line[256];
     std::snprintf(line, sizeof line, "%6s %9s %6s %2s %5s %6s %7s %5s %6s %4s %4s %4s %4s %3s %3s %8s %6s %6s\n",
                   "frame", "offset", "length", "id", "layer", "absent", "profile", "index", "rate", "chan", "priv",
                   "orig", "home", "cib", "cis", "fullness", "blocks", "crc");
-    out << line;
-    for (size_t i = 0; i < frames.size(); ++i) {
-        const ADTSHeader& h = frames[i].header;
+    size_t count = 0;
+    for (Frame f; walk.next(f); ++count) {
+        if (count == 0) out << line;
+        const ADTSHeader& h = f.header;
         std::snprintf(line, sizeof line,
-                      "%6zu %9zu %6u %2u %5u %6u %7u %5u %6u %4u %4u %4u %4u %3u %3u    0x%03X %6u %6s%s\n", i,
-                      frames[i].offset, h.aac_frame_length, h.ID, h.layer, h.protection_absent, h.profile,
-                      h.sampling_frequency_index, qnv::aacFrequencyFromIndex(h.sampling_frequency_index),
-                      h.channel_configuration, h.private_bit, h.original_copy, h.home,
-                      h.copyright_identification_bit, h.copyright_identification_start, h.adts_buffer_fullness,
-                      h.number_of_raw_data_blocks_in_frame, crcText(frames[i]).c_str(),
-                      frames[i].offset + h.aac_frame_length > fileSize ? "  (truncated)" : "");
+                      "%6zu %9llu %6u %2u %5u %6u %7u %5u %6u %4u %4u %4u %4u %3u %3u    0x%03X %6u %6s%s\n", count,
+                      static_cast<unsigned long long>(f.offset), h.aac_frame_length, h.ID, h.layer,
+                      h.protection_absent, h.profile, h.sampling_frequency_index,
+                      qnv::aacFrequencyFromIndex(h.sampling_frequency_index), h.channel_configuration, h.private_bit,
+                      h.original_copy, h.home, h.copyright_identification_bit, h.copyright_identification_start,
+                      h.adts_buffer_fullness, h.number_of_raw_data_blocks_in_frame, crcText(f).c_str(),
+                      f.truncated ? "  (truncated)" : "");
         out << line;
     }
-    out << frames.size() << " ADTS frames\n";
+    if (count == 0) throw Error(walk.problem());
+    clearProgressLine();
+    out << count << " ADTS frames\n";
+    if (!walk.problem().empty()) throw Error(walk.problem() + " (after " + std::to_string(count) + " frames)");
 }
 
-void printSummary(const std::vector<uint8_t>& data, const std::vector<Frame>& frames, std::ostream& out) {
-    const size_t fileSize = data.size();
-    const Frame& first = frames.front();
-    const ADTSHeader& h = first.header;
+void printSummary(UnitReader& stream, FrameWalk& walk, std::ostream& out) {
+    // The first header's bytes, for listing its elements.
+    size_t available = 0;
+    const uint8_t* head = stream.peek(9, available);
+    const std::vector<uint8_t> firstBytes(head, head + available);
+    Frame first{};
+    size_t count = 0;
     uint64_t samples = 0;
-    for (const Frame& f : frames) samples += 1024u * (f.header.number_of_raw_data_blocks_in_frame + 1);
+    for (Frame f; walk.next(f); ++count) {
+        if (count == 0) first = f;
+        samples += 1024u * (f.header.number_of_raw_data_blocks_in_frame + 1);
+    }
+    if (count == 0) throw Error(walk.problem());
+    uint64_t fileSize = stream.position();
+    fileSize += stream.skip(UINT64_MAX);  // the bytes after a problem count too
+    clearProgressLine();
+    const ADTSHeader& h = first.header;
     uint32_t rate = qnv::aacFrequencyFromIndex(h.sampling_frequency_index);
     char line[256];
-    out << "ADTS stream: " << frames.size() << " frames, " << fileSize << " bytes\n";
+    out << "ADTS stream: " << count << " frames, " << fileSize << " bytes\n";
     std::snprintf(line, sizeof line, "  profile %s, %u Hz (index %u), channel configuration %u (%u channel%s)\n",
                   profileName(h.profile), rate, h.sampling_frequency_index, h.channel_configuration,
                   channelsOf(h.channel_configuration), channelsOf(h.channel_configuration) == 1 ? "" : "s");
@@ -140,8 +166,8 @@ void printSummary(const std::vector<uint8_t>& data, const std::vector<Frame>& fr
             out << line;
         }
     } lines(out);
-    const size_t available = data.size() < 9 ? data.size() : 9;
-    BitBuffer bb{const_cast<uint8_t*>(data.data()), static_cast<uint32_t>(available),
+    available = firstBytes.size() < 9 ? firstBytes.size() : 9;
+    BitBuffer bb{const_cast<uint8_t*>(firstBytes.data()), static_cast<uint32_t>(available),
                  static_cast<uint32_t>(available * 8), 0};
     ADTSHeader again{};
     qnv::readAdtsHeader(&bb, &again, &lines);
@@ -150,14 +176,14 @@ void printSummary(const std::vector<uint8_t>& data, const std::vector<Frame>& fr
     if (!lines.crc) out << "  crc_check                            -\n";
 }
 
-void runAdts(const std::vector<uint8_t>& data, const ProbeOptions& options, std::ostream& out) {
-    Walk w = walk(data);
-    if (w.frames.empty()) throw Error(w.problem);
-    if (options.first)
-        printSummary(data, w.frames, out);
-    else
-        printTable(w.frames, data.size(), out);
-    if (!w.problem.empty()) throw Error(w.problem + " (after " + std::to_string(w.frames.size()) + " frames)");
+void runAdts(UnitReader& stream, const ProbeOptions& options, std::ostream& out) {
+    FrameWalk walk(stream);
+    if (!options.first) {
+        printTable(walk, out);
+        return;
+    }
+    printSummary(stream, walk, out);
+    if (!walk.problem().empty()) throw Error(walk.problem());
 }
 
 const ProberRegistration kAac({"aac", detectAdts, runAdts});

@@ -2,8 +2,12 @@
 // with the standard's syntax element names (only the elements the unit
 // carries, in stream order), and for each SPS the decoded picture size,
 // crop, frame rate and profile and level names.
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <memory>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <numeric>
 #include <map>
 #include <set>
@@ -16,6 +20,7 @@
 #include "tools/qnvtool/annexb.h"
 #include "tools/qnvtool/probe.h"
 #include "tools/qnvtool/probe_json.h"
+#include "tools/qnvtool/stream_io.h"
 #include "tools/qnvtool/tool.h"
 
 namespace qnvtool {
@@ -96,17 +101,17 @@ Json derived(const H264SpsRecord& s) {
     return d;
 }
 
-bool detectH264(const std::vector<uint8_t>& data) { return detectCodec(data, listUnits(data)) == Codec::kH264; }
+bool detectH264(const std::vector<uint8_t>& head) { return detectCodec(head, listUnits(head)) == Codec::kH264; }
 
 // Every slice header, read with the parameter sets active at it.
-Json sliceEntry(const std::vector<uint8_t>& data, const NalUnit& u, const std::map<int32_t, H264SpsRecord>& spss,
+Json sliceEntry(const StreamUnit& u, const std::map<int32_t, H264SpsRecord>& spss,
                 const std::map<int32_t, H264PpsRecord>& ppss) {
     Json entry;
     entry["type"] = "slice";
-    entry["offset"] = u.offset;
+    entry["offset"] = u.startCodeOffset();
     entry["size"] = u.size;
     // The reader accepts only the PPS the header names (and its SPS).
-    BitBuffer bb{const_cast<uint8_t*>(data.data() + u.payload), u.size, u.size * 8, 0};
+    BitBuffer bb{const_cast<uint8_t*>(u.unit()), u.size, u.size * 8, 0};
     H264SliceHeader h;
     for (const auto& [id, pps] : ppss) {
         auto sps = spss.find(pps.seq_parameter_set_id);
@@ -122,27 +127,58 @@ Json sliceEntry(const std::vector<uint8_t>& data, const NalUnit& u, const std::m
     return entry;
 }
 
-void probeH264(const std::vector<uint8_t>& data, const ProbeOptions& options, std::ostream& out) {
-    Json sets = Json::array(), slices = Json::array();
+// The slice entries wait in a temporary file until the parameter sets,
+// which come first in the document, are printed.
+class SliceSpill {
+public:
+    SliceSpill() : file_(std::tmpfile()), printer_(text_, 2) {
+        if (!file_) throw Error(std::string("temporary file: ") + std::strerror(errno));
+    }
+    ~SliceSpill() { std::fclose(file_); }
+    void add(const Json& entry) {
+        text_.str("");
+        printer_.add(entry);
+        const std::string piece = text_.str();
+        if (std::fwrite(piece.data(), 1, piece.size(), file_) != piece.size()) throw Error("temporary file: write error");
+    }
+    void print(std::ostream& out) {
+        text_.str("");
+        printer_.close();
+        const std::string tail = text_.str();
+        std::rewind(file_);
+        char chunk[65536];
+        for (size_t n; (n = std::fread(chunk, 1, sizeof chunk, file_)) != 0;) out.write(chunk, static_cast<std::streamsize>(n));
+        out << tail;
+    }
+
+private:
+    FILE* file_;
+    std::ostringstream text_;
+    JsonArrayPrinter printer_;
+};
+
+void probeH264(UnitReader& stream, const ProbeOptions& options, std::ostream& out) {
+    Json sets = Json::array();
+    std::unique_ptr<SliceSpill> slices = options.slices ? std::make_unique<SliceSpill>() : nullptr;
     std::set<std::vector<uint8_t>> seen;
     std::map<int32_t, H264SpsRecord> spss;
     std::map<int32_t, H264PpsRecord> ppss;
     bool haveSps = false, complete = false;
-    for (const NalUnit& u : listUnits(data)) {
+    for (StreamUnit u; stream.next(u);) {
         if (u.size == 0) continue;
-        const uint32_t type = data[u.payload] & 31u;
-        if (options.slices && (type == qnv::nal::h264::kNonIdrSlice || type == qnv::nal::h264::kIdrSlice)) {
-            slices.push_back(sliceEntry(data, u, spss, ppss));
+        const uint32_t type = u.unit()[0] & 31u;
+        if (slices && (type == qnv::nal::h264::kNonIdrSlice || type == qnv::nal::h264::kIdrSlice)) {
+            slices->add(sliceEntry(u, spss, ppss));
             continue;
         }
         if (type != qnv::nal::h264::kSps && type != qnv::nal::h264::kPps) continue;
-        std::vector<uint8_t> bytes(data.begin() + u.payload, data.begin() + u.payload + u.size);
+        std::vector<uint8_t> bytes(u.unit(), u.unit() + u.size);
         BitBuffer bb{bytes.data(), u.size, u.size * 8, 0};
         const bool fresh = seen.insert(bytes).second;
         JsonFields trace(JsonFields::Codes::kSigned);
         Json unit;
         unit["type"] = type == qnv::nal::h264::kSps ? "SPS" : "PPS";
-        unit["offset"] = u.offset;
+        unit["offset"] = u.startCodeOffset();
         unit["size"] = u.size;
         if (type == qnv::nal::h264::kSps) {
             H264SpsRecord sps{};
@@ -164,11 +200,19 @@ void probeH264(const std::vector<uint8_t>& data, const ProbeOptions& options, st
         }
     }
     if (sets.empty()) throw Error("no H.264 parameter sets found");
+    clearProgressLine();
     Json doc;
     doc["codec"] = "h264";
     doc["parameter_sets"] = std::move(sets);
-    if (options.slices) doc["slices"] = std::move(slices);
-    out << doc.dump(2) << "\n";
+    std::string text = doc.dump(2);
+    if (!slices) {
+        out << text << "\n";
+        return;
+    }
+    text.erase(text.rfind('\n'));  // the closing brace: the slices go in front of it
+    out << text << ",\n  \"slices\": ";
+    slices->print(out);
+    out << "\n}\n";
 }
 
 const ProberRegistration kH264Prober(Prober{"h264", detectH264, probeH264});

@@ -61,17 +61,17 @@ Json spsSummary(const HevcSpsRecord& s, const HevcVpsRecord* vps) {
     return j;
 }
 
-bool detectHevc(const std::vector<uint8_t>& data) {
-    return startsWithStartCode(data) && detectCodec(data, listUnits(data)) == Codec::kHevc;
+bool detectHevc(const std::vector<uint8_t>& head) {
+    return startsWithStartCode(head) && detectCodec(head, listUnits(head)) == Codec::kHevc;
 }
 
 // A slice segment header, read with the parameter sets active at it; a
 // dependent segment continues the record of the segment before it.
-Json sliceEntry(const uint8_t* unit, const NalUnit& u, const std::map<uint32_t, std::unique_ptr<HevcSpsRecord>>& spss,
+Json sliceEntry(const uint8_t* unit, const StreamUnit& u, const std::map<uint32_t, std::unique_ptr<HevcSpsRecord>>& spss,
                 const std::map<uint32_t, HevcPpsRecord>& ppss, qnv::hevc::HevcSliceHeader& h) {
     Json entry;
     entry["type"] = "slice segment";
-    entry["offset"] = u.offset;
+    entry["offset"] = u.startCodeOffset();
     entry["size"] = u.size;
     // slice_pic_parameter_set_id follows the first flag (and, for IRAP
     // pictures, no_output_of_prior_pics_flag).
@@ -91,20 +91,21 @@ Json sliceEntry(const uint8_t* unit, const NalUnit& u, const std::map<uint32_t, 
     return entry;
 }
 
-void probeHevc(const std::vector<uint8_t>& data, const ProbeOptions& options, std::ostream& out) {
-    Json list = Json::array();
+void probeHevc(UnitReader& stream, const ProbeOptions& options, std::ostream& out) {
+    // The entries are printed as they come, in stream order.
+    JsonArrayPrinter list(out, 0);
     std::set<std::vector<uint8_t>> seen;
     std::map<uint32_t, std::unique_ptr<HevcSpsRecord>> spss;
     std::map<uint32_t, HevcPpsRecord> ppss;
     auto slice = std::make_unique<qnv::hevc::HevcSliceHeader>();
     HevcVpsRecord vps{};
     bool haveVps = false, done = false;
-    for (const NalUnit& u : listUnits(data)) {
+    for (StreamUnit u; stream.next(u);) {
         if (u.size < 2) continue;
-        const uint8_t* unit = data.data() + u.payload;
+        const uint8_t* unit = u.unit();
         const uint32_t type = (unit[0] >> 1) & 63u;
         if (options.slices && qnv::nal::isCodedSlice(qnv::nal::Codec::kHevc, type)) {
-            list.push_back(sliceEntry(unit, u, spss, ppss, *slice));
+            list.add(sliceEntry(unit, u, spss, ppss, *slice));
             continue;
         }
         if (type < qnv::nal::hevc::kVps || type > qnv::nal::hevc::kPps) continue;
@@ -116,7 +117,7 @@ void probeHevc(const std::vector<uint8_t>& data, const ProbeOptions& options, st
         qnv::hevc::listParameterSet(bytes.data(), static_cast<uint32_t>(bytes.size()), fields);
         Json entry;
         entry["type"] = type == 32 ? "VPS" : type == 33 ? "SPS" : "PPS";
-        entry["offset"] = u.offset;
+        entry["offset"] = u.startCodeOffset();
         entry["size"] = bytes.size();
         entry["fields"] = std::move(fields.fields);
         bytes.push_back(0);  // the reader's spare byte
@@ -134,14 +135,15 @@ void probeHevc(const std::vector<uint8_t>& data, const ProbeOptions& options, st
             HevcPpsRecord pps{};
             if (qnvutilRead_HEVC_PPS(&bb, &pps, nullptr, 0) != 0xFFFFFFFFu) ppss[pps.pps_pic_parameter_set_id] = pps;
         }
-        if (fresh && !done) list.push_back(std::move(entry));
+        if (fresh && !done) list.add(entry);
         if (options.first) {
             done = true;
             if (!options.slices) break;
         }
     }
-    if (list.empty()) throw Error("no HEVC parameter sets found");
-    out << list.dump(2) << "\n";
+    if (list.size() == 0) throw Error("no HEVC parameter sets found");
+    list.close();
+    out << "\n";
 }
 
 const ProberRegistration kHevcProber(Prober{"hevc", detectHevc, probeHevc});

@@ -25,15 +25,14 @@ struct Registration {
     explicit Registration(std::function<void(CLI::App&)> setup);
 };
 
-// Whole file (a pipe or FIFO too); throws Error naming the path and the
+// Whole file ("-": standard input; a pipe or FIFO too), for small inputs
+// such as packet lists and boxes; throws Error naming the path and the
 // reason when it cannot be read.
 std::vector<uint8_t> readFile(const std::string& path);
-// Writes (replacing) a file; throws Error on failure.
-void writeFile(const std::string& path, const std::vector<uint8_t>& bytes);
 // Writes a temporary file beside `path` and renames it into place, so that
-// `path` is either replaced whole or left as it was; throws Error on failure
-// (the temporary file removed).
-void replaceFile(const std::string& path, const std::vector<uint8_t>& bytes);
+// `path` is either replaced whole or left as it was ("-": standard output);
+// throws Error on failure (the temporary file removed).
+void writeFile(const std::string& path, const std::vector<uint8_t>& bytes);
 
 // An ISO base media box: 32-bit size, the four-character type, the payload.
 std::vector<uint8_t> makeBox(const char (&type)[5], const std::vector<uint8_t>& payload);
