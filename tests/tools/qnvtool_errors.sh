@@ -1,10 +1,11 @@
 #!/bin/sh
-# qnvtool_errors.sh QNVTOOL SAMPLE: qnvtool lists the sample's units, and bad
+# qnvtool_errors.sh QNVTOOL SAMPLE DATA: qnvtool lists the sample's units, and bad
 # input gives exactly one line on standard error and exit code 1 or 2 (never
 # a crash).
 set -u
 tool=$1
 sample=$2
+data=$3
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 fail=0
@@ -109,12 +110,31 @@ expect_error "$tool" edit "$sample" "$work/out.265" --remove-sei 5,,6
 mkdir "$work/folder"
 expect_error "$tool" edit "$sample" "$work/folder" --aud insert
 
-# A failed edit leaves its destination as it was, and no temporary file.
+# A command that fails leaves its destination as it was, and no temporary
+# file, also when it fails after writing: a caption longer than the stream
+# is found at its end, and a crop that the second sequence's SPS cannot take
+# in the middle.
 printf 'kept\n' >"$work/kept.265"
-"$tool" edit "$sample" "$work/kept.265" --crop 1,0,0,0 >/dev/null 2>&1
-[ "$(cat "$work/kept.265")" = kept ] || { echo "edit: a failed edit changed its destination"; fail=1; }
-"$tool" edit "$sample" "$work/folder" --aud insert >/dev/null 2>&1
-[ -z "$(find "$work" -name '.*' ! -name . )" ] || { echo "edit: temporary files left: $(ls -A "$work")"; fail=1; }
+printf 'kept\n' >"$work/kept.264"
+cat "$sample" "$data/sei/hevc.265" >"$work/two.265"
+head -c 1200 "$data/sei/h264.264" >"$work/short.264"
+expect_message "the stream has 1 pictures, the caption needs 18" \
+    "$tool" captions "$work/short.264" "$work/kept.264" --608-text "HELLO THERE"
+expect_message "the window leaves nothing of the 64x64 picture" "$tool" edit "$work/two.265" "$work/kept.265" --crop 0,0,0,80
+expect_error "$tool" edit "$sample" "$work/kept.265" --crop 1,0,0,0
+expect_error "$tool" edit "$sample" "$work/folder" --aud insert
+expect_error "$tool" timecode "$sample" "$work/missing/out.265" --start 01:00:00:00 --rate 25
+expect_error "$tool" interlace "$sample" "$work/folder"
+for kept in "$work/kept.265" "$work/kept.264"; do
+    [ "$(cat "$kept")" = kept ] || { echo "a failed command changed $kept"; fail=1; }
+done
+[ -z "$(find "$work" -name '.*' ! -name . )" ] || { echo "temporary files left: $(ls -A "$work")"; fail=1; }
+
+# Pipes: standard input to standard output, the summary on standard error.
+cat "$data/sei/h264.264" | "$tool" captions - - --608-text HI 2>"$work/err" | "$tool" nals - >"$work/out" ||
+    { echo "captions in a pipe failed: $(cat "$work/err")"; fail=1; }
+grep -q "30 access units, 30 with captions" "$work/err" && grep -q "NAL units, h264" "$work/out" ||
+    { echo "captions in a pipe: $(cat "$work/err" "$work/out" | tail -2)"; fail=1; }
 "$tool" edit "$sample" "$work/kept.265" --aud insert >/dev/null 2>&1 || { echo "edit --aud insert failed"; fail=1; }
 [ "$(cat "$work/kept.265")" != kept ] || { echo "edit: the destination was not replaced"; fail=1; }
 exit $fail

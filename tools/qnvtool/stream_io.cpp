@@ -96,6 +96,7 @@ InputStream::~InputStream() {
 }
 
 size_t InputStream::read(uint8_t* to, size_t capacity) {
+    if (capacity > chunk_) capacity = chunk_;
     for (;;) {
         const ssize_t n = ::read(fd_, to, capacity);
         if (n < 0 && errno == EINTR) continue;
@@ -118,7 +119,7 @@ size_t InputStream::chunkBytes() {
 std::vector<uint8_t> readAll(InputStream& in) {
     std::vector<uint8_t> bytes;
     if (in.size() != 0) bytes.reserve(in.size());
-    std::vector<uint8_t> chunk(InputStream::chunkBytes());
+    std::vector<uint8_t> chunk(in.chunk());
     for (size_t n; (n = in.read(chunk.data(), chunk.size())) != 0;) bytes.insert(bytes.end(), chunk.data(), chunk.data() + n);
     return bytes;
 }

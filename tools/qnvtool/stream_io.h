@@ -58,9 +58,11 @@ public:
     // Bytes of a regular file, 0 when not known.
     uint64_t size() const { return size_; }
 
-    // The largest read, as QNVTOOL_CHUNK_BYTES may set it to test chunk
-    // boundaries (default 1 MiB).
+    // The largest read: QNVTOOL_CHUNK_BYTES, else 1 MiB. Small chunks put
+    // chunk boundaries everywhere, for testing.
     static size_t chunkBytes();
+    size_t chunk() const { return chunk_; }
+    void setChunk(size_t bytes) { chunk_ = bytes != 0 ? bytes : 1; }
 
 private:
     int fd_;
@@ -68,6 +70,7 @@ private:
     std::string name_;
     uint64_t size_ = 0;
     uint64_t consumed_ = 0;
+    size_t chunk_ = chunkBytes();
     Progress progress_;
 };
 

@@ -26,7 +26,7 @@ bool UnitReader::refill() {
                     std::to_string(kMaxUnitBytes >> 20) + " MiB");
     // Grow by at least what is held, so that a long unit is walked a
     // bounded number of times over.
-    const size_t chunk = InputStream::chunkBytes();
+    const size_t chunk = in_.chunk();
     const size_t want = end_ + (end_ > chunk ? end_ : chunk);
     if (buffer_.size() < want) buffer_.resize(want);
     const size_t n = in_.read(buffer_.data() + end_, buffer_.size() - end_);

@@ -35,7 +35,7 @@ struct StreamUnit {
 };
 
 // The units of an Annex B stream, as qnv::nal::UnitWalk finds them in the
-// whole stream, read in chunks of InputStream::chunkBytes(). A unit larger
+// whole stream, read in the input's chunks. A unit larger
 // than kMaxUnitBytes stops the read with an Error.
 class UnitReader {
 public:
