@@ -18,24 +18,14 @@ data=$(dirname "$0")
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-fail() {
-    echo "FAIL: $*"
-    exit 1
-}
+pictures_expected=6
+# shellcheck source=../edit_checks.sh
+. "$data/../edit_checks.sh"
+
 display='G(8500,39850)B(6550,2300)R(35400,14600)WP(15635,16450)L(40000000,5)'
-# ffprobe's report of that display, and of x265's own (make_streams.sh).
+# ffprobe's report of that display.
 ours='red_x=35400/50000,red_y=14600/50000,green_x=8500/50000,green_y=39850/50000,blue_x=6550/50000,blue_y=2300/50000,white_point_x=15635/50000,white_point_y=16450/50000,min_luminance=5/10000,max_luminance=40000000/10000,'
 
-edit() {
-    "$qnvtool" edit "$@" >/dev/null || fail "qnvtool edit $*"
-}
-pictures() {
-    ffmpeg -nostdin -v error -i "$1" -f framemd5 - | grep -v '^#'
-}
-same_pictures() {
-    [ "$(pictures "$1" | wc -l)" = 6 ] || fail "$1: $(pictures "$1" | wc -l) pictures decoded, expected 6"
-    [ "$(pictures "$1")" = "$(pictures "$2")" ] || fail "$2: decodes to other pictures than $1"
-}
 # One line per frame: "KEY md=<mastering display> cll=<light level>".
 frames() {
     ffprobe -v error -show_frames "$1" | awk '
@@ -55,13 +45,6 @@ check_frames() {
     [ "$keys" -ge 2 ] || fail "$1: $keys key frames"
     bad=$(echo "$report" | grep -vx "1 $2" | grep -vx "0 $3") || true
     [ -z "$bad" ] || fail "$1: frames reported as: $bad"
-}
-trace() {
-    ffmpeg -nostdin -hide_banner -i "$1" -c copy -bsf:v trace_headers -f null - 2>&1
-}
-# values FILE NAME: the values trace_headers prints for NAME, in order.
-values() {
-    trace "$1" | sed -n "s/^\[trace_headers @ [0-9a-fx]*\] [0-9]* *$2 .* = \([0-9]*\)$/\1/p" | tr '\n' ' '
 }
 keyframes() {
     ffprobe -v error -show_entries frame=key_frame -of csv=p=0 "$1" | grep -c '^1'
