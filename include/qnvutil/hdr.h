@@ -145,7 +145,8 @@ QNV_API int32_t qnvUtilFindDolbyVisionMetadata(const uint8_t* frame, uint32_t fr
 QNV_API int32_t qnvutilWrite_DVVC_CR(const DoviConfigRecord* record, uint8_t* out, uint32_t outSize);
 
 /* Reads a box written as above: data[0, size) begins with its size and
-   type, which must be one of the three types and at least 32. Reserved bits
+   type, which must be one of the three types, its size 32 to 2^31 - 1
+   (only the first 32 bytes are read). Reserved bits
    are not checked. Clears `record` first. Result: the box size; -1 for a
    missing argument, a short buffer or another box. */
 QNV_API int32_t qnvutilRead_DVVC_CR(const uint8_t* data, uint32_t size, DoviConfigRecord* record);

@@ -84,7 +84,9 @@ int32_t qnvutilRead_DVVC_CR(const uint8_t* data, uint32_t size, DoviConfigRecord
     if (record == nullptr || data == nullptr || size < QNV_DOVI_BOX_BYTES) return QNV_HDR_BAD_ARGUMENT;
     *record = DoviConfigRecord{};
     const uint32_t boxSize = nal::getBe32(data);
-    if (!hdr::knownBox(nal::getBe32(data + 4)) || boxSize < QNV_DOVI_BOX_BYTES) return QNV_HDR_BAD_ARGUMENT;
+    // guard: a box size that the result cannot carry is refused with the box
+    if (!hdr::knownBox(nal::getBe32(data + 4)) || boxSize < QNV_DOVI_BOX_BYTES || boxSize > 0x7FFFFFFFu)
+        return QNV_HDR_BAD_ARGUMENT;
     // The reader looks one byte past its limit: it reads a copy.
     uint8_t copy[hdr::kDoviRecordBytes + 8] = {};
     for (uint32_t i = 0; i < hdr::kDoviRecordBytes; ++i) copy[i] = data[8 + i];

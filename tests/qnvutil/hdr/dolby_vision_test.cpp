@@ -131,6 +131,11 @@ TEST(DolbyVisionConfig, RefusesShortOutputsAndOtherBoxes) {
     other = out;
     other[3] = 31;  // a box smaller than its record
     EXPECT_EQ(qnvutilRead_DVVC_CR(other.data(), 32, &back), QNV_HDR_BAD_ARGUMENT);
+    other[0] = 0x80, other[3] = 32;  // a size the result cannot carry
+    EXPECT_EQ(qnvutilRead_DVVC_CR(other.data(), 32, &back), QNV_HDR_BAD_ARGUMENT);
+    other[0] = 0x7F;  // a larger box: its first 32 bytes are read
+    EXPECT_EQ(qnvutilRead_DVVC_CR(other.data(), 32, &back), 0x7F000020);
+    EXPECT_EQ(back.dv_profile, 8u);
     EXPECT_EQ(qnvutilRead_DVVC_CR(out.data(), 32, nullptr), QNV_HDR_BAD_ARGUMENT);
 }
 
