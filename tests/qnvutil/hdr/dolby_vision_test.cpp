@@ -56,39 +56,37 @@ const Bytes kSlice = {0, 0, 0, 1, 0x26, 0x01, 0xAF, 0x09}, kRpu = {0, 0, 1, 0x7C
 
 }  // namespace
 
-TEST(DolbyVisionUnits, RpuAndElUnitsAreListedWithOffsetAndSize) {
-    const Bytes frame = cat({kSlice, kNotRpu, kEl, kRpu});
+// "KIND@offset+size ..." of the units found, and their count.
+std::string listed(const Bytes& frame, bool lengthPrefixed) {
     DolbyVisionUnits u;
-    std::memset(&u, 0xEE, sizeof u);
-    ASSERT_EQ(qnvUtilFindDolbyVisionMetadata(frame.data(), uint32_t(frame.size()), 0, &u), 2);
-    EXPECT_EQ(u.rpu_count, 1u);
-    EXPECT_EQ(u.el_count, 1u);
-    const uint32_t elAt = uint32_t(kSlice.size() + kNotRpu.size() + 4), rpuAt = elAt + 6 + 3;
-    EXPECT_EQ(u.kind[0], uint32_t(QNV_DOVI_EL));
-    EXPECT_EQ(u.offset[0], elAt);
-    EXPECT_EQ(u.size[0], 6u);
-    EXPECT_EQ(u.kind[1], uint32_t(QNV_DOVI_RPU));
-    EXPECT_EQ(u.offset[1], rpuAt);
-    EXPECT_EQ(u.size[1], 6u);
-    EXPECT_EQ(u.kind[2], 0u);  // cleared
+    std::memset(&u, 0xEE, sizeof u);  // cleared by the finder
+    const int32_t n = qnvUtilFindDolbyVisionMetadata(frame.data(), uint32_t(frame.size()), lengthPrefixed, &u);
+    std::string text = std::to_string(n) + ":";
+    for (uint32_t i = 0; i < QNV_DOVI_MAX_UNITS; ++i)
+        if (u.kind[i] != 0)
+            text += std::string(u.kind[i] == QNV_DOVI_RPU ? " RPU@" : " EL@") + std::to_string(u.offset[i]) + "+" +
+                    std::to_string(u.size[i]);
+    return text + " (" + std::to_string(u.rpu_count) + " " + std::to_string(u.el_count) + ")";
+}
 
-    // The same units with four-byte lengths.
-    const Bytes prefixed = {0, 0, 0, 2, 0x7E, 0x01, 0, 0, 0, 3, 0x7C, 0x01, 0x19, 0, 0, 0, 4, 0x26, 0x01, 0xAF, 0x09};
-    ASSERT_EQ(qnvUtilFindDolbyVisionMetadata(prefixed.data(), uint32_t(prefixed.size()), 1, &u), 2);
-    EXPECT_EQ(u.offset[0], 4u);
-    EXPECT_EQ(u.size[0], 2u);
-    EXPECT_EQ(u.offset[1], 10u);
-    EXPECT_EQ(u.size[1], 3u);
-
-    // Units beyond the record's entries are counted.
+TEST(DolbyVisionUnits, RpuAndElUnitsAreListedWithOffsetAndSize) {
     Bytes many;
-    for (int i = 0; i < QNV_DOVI_MAX_UNITS + 3; ++i) many = cat({many, kRpu});
-    ASSERT_EQ(qnvUtilFindDolbyVisionMetadata(many.data(), uint32_t(many.size()), 0, &u), QNV_DOVI_MAX_UNITS + 3);
-    EXPECT_EQ(u.offset[QNV_DOVI_MAX_UNITS - 1], (QNV_DOVI_MAX_UNITS - 1) * 9 + 3u);
-
-    EXPECT_EQ(qnvUtilFindDolbyVisionMetadata(kSlice.data(), uint32_t(kSlice.size()), 0, &u), 0);
-    EXPECT_EQ(qnvUtilFindDolbyVisionMetadata(kSlice.data(), uint32_t(kSlice.size()), 0, nullptr),
-              QNV_HDR_BAD_ARGUMENT);
+    for (int i = 0; i < QNV_DOVI_MAX_UNITS + 3; ++i) many = cat({many, kEl});
+    std::string manyListed = std::to_string(QNV_DOVI_MAX_UNITS + 3) + ":";
+    for (uint32_t i = 0; i < QNV_DOVI_MAX_UNITS; ++i) manyListed += " EL@" + std::to_string(10 * i + 4) + "+6";
+    const struct {
+        Bytes frame;
+        bool lengthPrefixed;
+        std::string expected;
+    } rows[] = {
+        {cat({kSlice, kNotRpu, kEl, kRpu}), false, "2: EL@19+6 RPU@28+6 (1 1)"},
+        {{0, 0, 0, 2, 0x7E, 0x01, 0, 0, 0, 3, 0x7C, 0x01, 0x19, 0, 0, 0, 4, 0x26, 0x01, 0xAF, 0x09}, true,
+         "2: EL@4+2 RPU@10+3 (1 1)"},
+        {many, false, manyListed + " (0 " + std::to_string(QNV_DOVI_MAX_UNITS + 3) + ")"},  // counted beyond the entries
+        {kSlice, false, "0: (0 0)"},
+    };
+    for (const auto& row : rows) EXPECT_EQ(listed(row.frame, row.lengthPrefixed), row.expected);
+    EXPECT_EQ(qnvUtilFindDolbyVisionMetadata(kSlice.data(), uint32_t(kSlice.size()), 0, nullptr), QNV_HDR_BAD_ARGUMENT);
 }
 
 TEST(DolbyVisionConfig, BoxTypeFollowsTheProfileAndReadsBack) {
@@ -119,24 +117,24 @@ TEST(DolbyVisionConfig, BoxTypeFollowsTheProfileAndReadsBack) {
 
 TEST(DolbyVisionConfig, RefusesShortOutputsAndOtherBoxes) {
     const DoviConfigRecord r{1, 0, 8, 6, 1, 0, 1, 1};
-    Bytes out(32);
-    EXPECT_EQ(qnvutilWrite_DVVC_CR(&r, out.data(), 31), QNV_HDR_NO_ROOM);
-    EXPECT_EQ(qnvutilWrite_DVVC_CR(nullptr, out.data(), 32), QNV_HDR_BAD_ARGUMENT);
-    ASSERT_EQ(qnvutilWrite_DVVC_CR(&r, out.data(), 32), 32);
-    DoviConfigRecord back{};
-    EXPECT_EQ(qnvutilRead_DVVC_CR(out.data(), 31, &back), QNV_HDR_BAD_ARGUMENT);
-    Bytes other = out;
-    other[7] = 'X';
-    EXPECT_EQ(qnvutilRead_DVVC_CR(other.data(), 32, &back), QNV_HDR_BAD_ARGUMENT);
-    other = out;
-    other[3] = 31;  // a box smaller than its record
-    EXPECT_EQ(qnvutilRead_DVVC_CR(other.data(), 32, &back), QNV_HDR_BAD_ARGUMENT);
-    other[0] = 0x80, other[3] = 32;  // a size the result cannot carry
-    EXPECT_EQ(qnvutilRead_DVVC_CR(other.data(), 32, &back), QNV_HDR_BAD_ARGUMENT);
-    other[0] = 0x7F;  // a larger box: its first 32 bytes are read
-    EXPECT_EQ(qnvutilRead_DVVC_CR(other.data(), 32, &back), 0x7F000020);
-    EXPECT_EQ(back.dv_profile, 8u);
-    EXPECT_EQ(qnvutilRead_DVVC_CR(out.data(), 32, nullptr), QNV_HDR_BAD_ARGUMENT);
+    Bytes box(32);
+    EXPECT_EQ(qnvutilWrite_DVVC_CR(&r, box.data(), 31), QNV_HDR_NO_ROOM);
+    ASSERT_EQ(qnvutilWrite_DVVC_CR(&r, box.data(), 32), 32);
+    // byte, value, size given, result
+    const struct {
+        size_t at;
+        uint8_t value;
+        uint32_t size;
+        int32_t result;
+    } rows[] = {{0, 0, 31, QNV_HDR_BAD_ARGUMENT}, {7, 'X', 32, QNV_HDR_BAD_ARGUMENT}, {3, 31, 32, QNV_HDR_BAD_ARGUMENT},
+                {0, 0x80, 32, QNV_HDR_BAD_ARGUMENT}, {0, 0x7F, 32, 0x7F000020}};  // larger: 32 bytes read
+    for (const auto& row : rows) {
+        Bytes changed = box;
+        changed[row.at] = row.value;
+        DoviConfigRecord back{};
+        EXPECT_EQ(qnvutilRead_DVVC_CR(changed.data(), row.size, &back), row.result) << row.at;
+        EXPECT_EQ(back.dv_profile, row.result > 0 ? 8u : 0u);
+    }
 }
 
 TEST(DolbyVisionConfig, FfprobeReadsTheBoxBackAsTheSameConfiguration) {
