@@ -3,6 +3,7 @@
 // slice types, and the level and option forms.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <vector>
 
 #include "tools/qnvtool/edit.h"
@@ -106,6 +107,22 @@ TEST(EditLevel, FormsAndTheCodecsLevels) {
     EXPECT_THROW(qnvtool::checkLevel(Codec::kHevc, {1, 0, true}), qnvtool::Error);
     EXPECT_THROW(qnvtool::checkLevel(Codec::kHevc, {1, 3, false}), qnvtool::Error);
     EXPECT_THROW(qnvtool::checkLevel(Codec::kH264, {6, 3, false}), qnvtool::Error);
+}
+
+TEST(EditColour, MasteringDisplayAndLightLevelForms) {
+    ColorSeiRecord r{};
+    qnvtool::parseMasteringDisplay("G(13250,34500)B(7500,3000)R(34000,16000)WP(15635,16450)L(4294967295,1)", r);
+    qnvtool::parseMaxCll("1000,400", r);
+    const ColorSeiRecord expected{1, {13250, 7500, 34000}, {34500, 3000, 16000}, 15635, 16450, 4294967295u, 1, 1,
+                                  1000, 400, 0, 0, 0, 0};
+    EXPECT_EQ(0, std::memcmp(&r, &expected, sizeof r));
+    for (const char* bad : {"", "G(1,2)B(3,4)R(5,6)WP(7,8)", "B(1,2)G(3,4)R(5,6)WP(7,8)L(9,10)",
+                            "G(65536,2)B(3,4)R(5,6)WP(7,8)L(9,10)", "G(1,2)B(3,4)R(5,6)WP(7,8)L(4294967296,10)",
+                            "G(1,2)B(3,4)R(5,6)WP(7,8)L(9,10) ", "G(-1,2)B(3,4)R(5,6)WP(7,8)L(9,10)"})
+        EXPECT_THROW(qnvtool::parseMasteringDisplay(bad, r), qnvtool::Error) << bad;
+    for (const char* bad : {"", "1000", "1000,", "1000,400,1", "65536,1"})
+        EXPECT_THROW(qnvtool::parseMaxCll(bad, r), qnvtool::Error) << bad;
+    EXPECT_EQ(0, std::memcmp(&r, &expected, sizeof r));  // a refused text changes nothing
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
 // qnvtool edit IN OUT [--primaries N] [--transfer N] [--matrix N] [--range tv|pc]
 //                     [--sar W:H] [--level N] [--fps N/D] [--crop L,R,T,B]
 //                     [--aud insert|remove] [--remove-sei TYPE[,TYPE]] [--codec h264|hevc]
+//                     [--mastering-display G(x,y)B(x,y)R(x,y)WP(x,y)L(max,min)] [--max-cll CLL,FALL]
+//                     [--atc N] [--remove-hdr] [--every-au]
 //
 // Rewrites the parameter sets of an H.264 or HEVC Annex B stream through the
 // library's records, inserts or removes access unit delimiters and removes
@@ -13,9 +15,15 @@
 // the first slice of the next picture. An inserted delimiter's picture type
 // is the narrowest one that allows the slice types of its picture.
 //
+// Colour SEI (mastering display, content light level, alternative transfer)
+// goes as one prefix SEI unit in front of the first slice of every IRAP
+// access unit (H.264: IDR), or of every access unit with --every-au; earlier
+// messages of the types written are taken out of every access unit first.
+//
 // The stream is read and written in chunks; IN and OUT may be "-" for
 // standard input and output. The output is written to a temporary file
 // beside OUT and renamed into place; on any failure OUT is left as it was.
+#include <algorithm>
 #include <cstdio>
 #include <sstream>
 
@@ -33,7 +41,9 @@ namespace {
 struct EditOptions {
     std::string in, out, codec;
     std::optional<uint32_t> primaries, transfer, matrix;
-    std::string range, sar, level, fps, crop, aud, removeSei;
+    std::string range, sar, level, fps, crop, aud, removeSei, masteringDisplay, maxCll;
+    std::optional<uint32_t> atc;
+    bool removeHdr = false, everyAu = false;
 };
 
 // Splits "a<sep>b<sep>..." into unsigned numbers, each at most `limit`.
@@ -80,7 +90,16 @@ EditChanges parseChanges(const EditOptions& o) {
     if (o.aud == "insert") c.aud = AudEdit::kInsert;
     if (o.aud == "remove") c.aud = AudEdit::kRemove;
     if (!o.removeSei.empty()) c.removeSei = numbers("--remove-sei", o.removeSei, ',', 0, 0xFFFF);
-    if (!c.sequence() && c.aud == AudEdit::kKeep && c.removeSei.empty())
+    if (!o.masteringDisplay.empty()) parseMasteringDisplay(o.masteringDisplay, c.hdr);
+    if (!o.maxCll.empty()) parseMaxCll(o.maxCll, c.hdr);
+    if (o.atc) {
+        c.hdr.alternative_transfer_present = 1;
+        c.hdr.preferred_transfer_characteristics = *o.atc;
+    }
+    c.removeHdr = o.removeHdr;
+    c.everyAu = o.everyAu;
+    if (c.everyAu && !c.hdrInsert()) throw Error("--every-au: no colour SEI to write");
+    if (!c.sequence() && c.aud == AudEdit::kKeep && c.seiToRemove().empty())
         throw Error("edit: no change given (see qnvtool edit --help)");
     return c;
 }
@@ -94,7 +113,7 @@ Codec streamCodec(const std::vector<uint8_t>& head, const std::string& name, con
 }
 
 struct Counts {
-    size_t rewritten = 0, inserted = 0, removedAud = 0, removedSei = 0;
+    size_t rewritten = 0, inserted = 0, removedAud = 0, removedSei = 0, colourSei = 0;
     uint64_t accessUnits = 0, units = 0;
 };
 
@@ -120,6 +139,14 @@ void runEdit(const EditOptions& o) {
     uint64_t auOffset = 0;
     PictureTypes pictureTypes(codec);
     Counts counts;
+    const std::vector<uint32_t> seiToRemove = changes.seiToRemove();
+    uint8_t colourSei[64];
+    int32_t colourSeiSize = 0;
+    if (changes.hdrInsert()) {
+        colourSeiSize = qnvutilWrite_HDR_WCG_SEI_Packet(&changes.hdr, hevc ? QNV_HDR_HEVC : QNV_HDR_H264, colourSei,
+                                                        sizeof colourSei, 0);
+        if (colourSeiSize <= 0) throw Error("edit: the colour SEI could not be written");
+    }
     static const uint8_t kZero = 0, kStartCode[4] = {0, 0, 0, 1};
     while (aus.next(au, auOffset)) {
         ++counts.accessUnits;
@@ -136,11 +163,17 @@ void runEdit(const EditOptions& o) {
         auto where = [&](const nal::Unit& u, uint32_t type) {
             return in.name() + ": " + nal::typeName(layer, type) + " at offset " + std::to_string(auOffset + u.offset);
         };
-        bool hasAud = false, hasVcl = false;
-        for (const nal::Unit& u : units) {
+        bool hasAud = false, hasVcl = false, irap = false;
+        size_t firstVcl = units.size();
+        for (size_t i = 0; i < units.size(); ++i) {
+            const nal::Unit& u = units[i];
             if (u.size == 0) continue;
             const uint32_t type = typeOf(u);
             hasAud |= isAud(type);
+            if (nal::isVcl(layer, type) && !hasVcl) {
+                firstVcl = i;
+                irap = hevc ? type >= nal::hevc::kBlaWLp && type <= nal::hevc::kIrapLast : type == nal::h264::kIdrSlice;
+            }
             hasVcl |= nal::isVcl(layer, type);
             if (changes.aud != AudEdit::kInsert) continue;
             if (nal::isVcl(layer, type)) pictureTypes.noteSlice(data + u.header(), u.size);
@@ -162,6 +195,13 @@ void runEdit(const EditOptions& o) {
             const uint8_t* body = data + u.header();
             size_t bodySize = u.size;
             const uint32_t type = u.size == 0 ? 0xFFFFFFFFu : typeOf(u);
+            if (i == firstVcl && colourSeiSize > 0 && (irap || changes.everyAu)) {
+                // The SEI takes the picture's TemporalId (HEVC 7.4.2.2).
+                if (hevc && u.size >= 2) colourSei[5] = static_cast<uint8_t>(std::max(data[u.header() + 1] & 7, 1));
+                out.write(colourSei, static_cast<size_t>(colourSeiSize));
+                ++counts.colourSei;
+                first = false;
+            }
             if (u.size != 0 && changes.aud == AudEdit::kRemove && isAud(type)) {
                 ++counts.removedAud;
                 continue;
@@ -171,9 +211,9 @@ void runEdit(const EditOptions& o) {
                 body = unit.data();
                 bodySize = unit.size();
                 ++counts.rewritten;
-            } else if (u.size != 0 && !changes.removeSei.empty() && isSei(type)) {
+            } else if (u.size != 0 && !seiToRemove.empty() && isSei(type)) {
                 const uint32_t removed =
-                    removeSeiMessages(codec, body, u.size, changes.removeSei, rebuilt, where(u, type));
+                    removeSeiMessages(codec, body, u.size, seiToRemove, rebuilt, where(u, type));
                 counts.removedSei += removed;
                 if (removed != 0 && rebuilt.empty()) continue;  // no message left
                 if (removed != 0) {
@@ -192,19 +232,21 @@ void runEdit(const EditOptions& o) {
     if (counts.units == 0) throw Error(in.name() + ": no NAL units");
     if (changes.sequence() && counts.rewritten == 0)
         throw Error(in.name() + ": no SPS to carry the parameter set changes");
+    if (colourSeiSize > 0 && counts.colourSei == 0)
+        throw Error(in.name() + ": no IRAP access unit to carry the colour SEI (see --every-au)");
     out.commit();
     std::fprintf(summaryFile(out),
                  "%llu access units, %s: %zu parameter sets rewritten, %zu delimiters inserted, %zu removed, "
-                 "%zu SEI messages removed\n",
+                 "%zu SEI messages removed, %zu colour SEI units written\n",
                  static_cast<unsigned long long>(counts.accessUnits), codecName(codec), counts.rewritten,
-                 counts.inserted, counts.removedAud, counts.removedSei);
+                 counts.inserted, counts.removedAud, counts.removedSei, counts.colourSei);
 }
 
 const Registration kEdit([](CLI::App& app) {
     auto o = std::make_shared<EditOptions>();
     CLI::App* sub = app.add_subcommand(
         "edit", "Change colour, aspect, level, timing and cropping in the parameter sets of an H.264 or HEVC stream, "
-                "insert or remove access unit delimiters, remove SEI messages");
+                "insert or remove access unit delimiters, remove SEI messages, write or remove HDR colour SEI");
     sub->add_option("IN", o->in, "H.264 or HEVC Annex B elementary stream")->required();
     sub->add_option("OUT", o->out, "output stream (replaced whole, or left alone on failure)")->required();
     sub->add_option("--codec", o->codec, "h264 or hevc (detected from the first units when not given)")
@@ -224,6 +266,14 @@ const Registration kEdit([](CLI::App& app) {
     sub->add_option("--aud", o->aud, "insert a delimiter into every access unit that lacks one, or remove all")
         ->check(CLI::IsMember({"insert", "remove"}));
     sub->add_option("--remove-sei", o->removeSei, "remove SEI messages of these payloadType values, e.g. 5 or 5,6");
+    sub->add_option("--mastering-display", o->masteringDisplay,
+                    "mastering display colour volume SEI, as x265 takes it: G(x,y)B(x,y)R(x,y)WP(x,y)L(max,min)");
+    sub->add_option("--max-cll", o->maxCll, "content light level SEI: MaxCLL,MaxFALL in cd/m2");
+    sub->add_option("--atc", o->atc, "alternative transfer characteristics SEI: an ITU-T H.273 code point")
+        ->check(CLI::Range(0, 255));
+    sub->add_flag("--remove-hdr", o->removeHdr,
+                  "remove mastering display, content light level and alternative transfer SEI messages");
+    sub->add_flag("--every-au", o->everyAu, "write the colour SEI into every access unit, not only IRAP ones");
     sub->callback([o] { runEdit(*o); });
 });
 

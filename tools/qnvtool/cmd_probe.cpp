@@ -1,4 +1,4 @@
-// qnvtool probe FILE [--first] [--kind NAME]: describes a stream with the
+// qnvtool probe FILE [--first] [--hdr] [--kind NAME]: describes a stream with the
 // prober that recognises it, reading it in chunks (FILE "-": standard input).
 #include <iostream>
 #include <memory>
@@ -41,6 +41,9 @@ const Registration kProbe([](CLI::App& app) {
     sub->add_option("FILE", args->file, "stream file")->required();
     sub->add_flag("--first", args->options.first, "stop after the first parameter set or header");
     sub->add_flag("--slices", args->options.slices, "list every slice (segment) header as well");
+    sub->add_flag("--hdr", args->options.hdr,
+                  "H.264 and HEVC: list the colour SEI, HDR10+ and Dolby Vision units of each access unit "
+                  "(with --first: the first access unit that has any)");
     sub->add_option("--kind", args->kind, "stream kind (detected when not given)");
     sub->callback([args] { runProbe(*args); });
 });

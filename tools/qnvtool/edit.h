@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "qnvutil/hdr.h"
 #include "tools/qnvtool/annexb.h"
 
 namespace qnvtool {
@@ -41,7 +42,17 @@ struct EditChanges {
     std::optional<Crop> crop;
     AudEdit aud = AudEdit::kKeep;
     std::vector<uint32_t> removeSei;  // payloadType values
+    ColorSeiRecord hdr{};             // colour SEI to write (its *_present words)
+    bool removeHdr = false;           // remove every colour SEI message
+    bool everyAu = false;             // write the colour SEI into every access unit, not only IRAP ones
 
+    bool hdrInsert() const {
+        return hdr.mastering_display_present || hdr.content_light_level_present || hdr.alternative_transfer_present;
+    }
+    // The payloadType values to take out of the stream's SEI units: those
+    // asked for, the colour messages with --remove-hdr, and earlier copies of
+    // the ones written.
+    std::vector<uint32_t> seiToRemove() const;
     bool colour() const { return primaries || transfer || matrix; }
     bool vui() const { return colour() || fullRange || sar || fps; }
     bool sequence() const { return vui() || level || crop; }
@@ -118,6 +129,15 @@ private:
 // messages cannot be delimited throws Error naming `where`.
 uint32_t removeSeiMessages(Codec codec, const uint8_t* unit, uint32_t size, const std::vector<uint32_t>& types,
                            std::vector<uint8_t>& out, const std::string& where);
+
+// ---- Colour SEI (edit_units.cpp) ------------------------------------------
+
+// Parses x265's mastering display form "G(x,y)B(x,y)R(x,y)WP(x,y)L(max,min)"
+// (chromaticities in 0.00002, luminances in 0.0001 cd/m2) into `record`;
+// throws Error otherwise.
+void parseMasteringDisplay(const std::string& text, ColorSeiRecord& record);
+// Parses "MaxCLL,MaxFALL" into `record`; throws Error otherwise.
+void parseMaxCll(const std::string& text, ColorSeiRecord& record);
 
 }  // namespace qnvtool
 

@@ -1,10 +1,12 @@
-// qnvtool edit: access unit delimiters and SEI messages.
+// qnvtool edit: access unit delimiters, SEI messages and the colour SEI.
 #include <algorithm>
 #include <memory>
+#include <string_view>
 
 #include "foundation/bitio/bitio.h"
 #include "foundation/nal/nal.h"
 #include "qnvutil/hevc.h"
+#include "qnvutil/hdr/hdr_syntax.h"
 #include "qnvutil/hevc/hevc_slice.h"
 #include "tools/qnvtool/edit.h"
 #include "tools/qnvtool/tool.h"
@@ -199,6 +201,77 @@ uint32_t removeSeiMessages(Codec codec, const uint8_t* unit, uint32_t size, cons
     std::copy(unit, unit + header, out.begin());
     nal::escape(kept.data(), keptSize, out.data() + header);
     return removed;
+}
+
+std::vector<uint32_t> EditChanges::seiToRemove() const {
+    using namespace qnv::hdr;
+    std::vector<uint32_t> types = removeSei;
+    auto add = [&](bool wanted, uint32_t type) {
+        if (wanted && std::find(types.begin(), types.end(), type) == types.end()) types.push_back(type);
+    };
+    add(removeHdr || hdr.mastering_display_present, kMasteringDisplay);
+    add(removeHdr || hdr.content_light_level_present, kContentLightLevel);
+    add(removeHdr || hdr.alternative_transfer_present, kAlternativeTransfer);
+    return types;
+}
+
+namespace {
+
+// Reads "<literal><number>" pieces from the front of a text.
+class TextCursor {
+public:
+    explicit TextCursor(std::string_view text) : rest_(text) {}
+    bool literal(std::string_view word) {
+        if (rest_.substr(0, word.size()) != word) return false;
+        rest_.remove_prefix(word.size());
+        return true;
+    }
+    // An unsigned decimal number up to `limit`.
+    bool number(uint32_t limit, uint32_t& value) {
+        uint64_t v = 0;
+        size_t n = 0;
+        while (n < rest_.size() && n < 11 && rest_[n] >= '0' && rest_[n] <= '9') v = v * 10 + uint32_t(rest_[n++] - '0');
+        if (n == 0 || n > 10 || v > limit) return false;
+        rest_.remove_prefix(n);
+        value = static_cast<uint32_t>(v);
+        return true;
+    }
+    bool done() const { return rest_.empty(); }
+
+private:
+    std::string_view rest_;
+};
+
+}  // namespace
+
+void parseMasteringDisplay(const std::string& text, ColorSeiRecord& record) {
+    ColorSeiRecord r = record;
+    TextCursor in(text);
+    // G, B and R are display_primaries 0, 1 and 2.
+    bool ok = true;
+    const char* const kPrimaries[3] = {"G(", "B(", "R("};
+    for (uint32_t c = 0; c < 3; ++c)
+        ok = ok && in.literal(kPrimaries[c]) && in.number(0xFFFF, r.display_primaries_x[c]) && in.literal(",") &&
+             in.number(0xFFFF, r.display_primaries_y[c]) && in.literal(")");
+    ok = ok && in.literal("WP(") && in.number(0xFFFF, r.white_point_x) && in.literal(",") &&
+         in.number(0xFFFF, r.white_point_y) && in.literal(")") && in.literal("L(") &&
+         in.number(0xFFFFFFFFu, r.max_display_mastering_luminance) && in.literal(",") &&
+         in.number(0xFFFFFFFFu, r.min_display_mastering_luminance) && in.literal(")") && in.done();
+    if (!ok)
+        throw Error("--mastering-display: '" + text +
+                    "' is not G(x,y)B(x,y)R(x,y)WP(x,y)L(max,min) with chromaticities up to 65535");
+    r.mastering_display_present = 1;
+    record = r;
+}
+
+void parseMaxCll(const std::string& text, ColorSeiRecord& record) {
+    TextCursor in(text);
+    uint32_t cll = 0, fall = 0;
+    if (!(in.number(0xFFFF, cll) && in.literal(",") && in.number(0xFFFF, fall) && in.done()))
+        throw Error("--max-cll: '" + text + "' is not MaxCLL,MaxFALL with values up to 65535");
+    record.content_light_level_present = 1;
+    record.max_content_light_level = cll;
+    record.max_pic_average_light_level = fall;
 }
 
 }  // namespace qnvtool

@@ -16,6 +16,7 @@ namespace qnvtool {
 struct ProbeOptions {
     bool first = false;   // stop after the first parameter set / header
     bool slices = false;  // list every slice (segment) header too
+    bool hdr = false;     // list the colour SEI, HDR10+ and Dolby Vision units of each access unit instead
 };
 
 struct Prober {
@@ -44,6 +45,9 @@ private:
     int indent_;
     size_t count_ = 0;
 };
+
+// The --hdr listing of an H.264 or HEVC stream (probe_colour.cpp).
+void probeColour(UnitReader& stream, bool hevc, const ProbeOptions& options, std::ostream& out);
 
 struct ProberRegistration {
     explicit ProberRegistration(const Prober& prober);

@@ -158,6 +158,7 @@ private:
 };
 
 void probeH264(UnitReader& stream, const ProbeOptions& options, std::ostream& out) {
+    if (options.hdr) return probeColour(stream, false, options, out);
     Json sets = Json::array();
     std::unique_ptr<SliceSpill> slices = options.slices ? std::make_unique<SliceSpill>() : nullptr;
     std::set<std::vector<uint8_t>> seen;

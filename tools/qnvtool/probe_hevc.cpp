@@ -92,6 +92,7 @@ Json sliceEntry(const uint8_t* unit, const StreamUnit& u, const std::map<uint32_
 }
 
 void probeHevc(UnitReader& stream, const ProbeOptions& options, std::ostream& out) {
+    if (options.hdr) return probeColour(stream, true, options, out);
     // The entries are printed as they come, in stream order.
     JsonArrayPrinter list(out, 0);
     std::set<std::vector<uint8_t>> seen;

@@ -19,10 +19,9 @@ mode=$2
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-fail() {
-    echo "FAIL: $*"
-    exit 1
-}
+pictures_expected=12
+# shellcheck source=../edit_checks.sh
+. "$(dirname "$0")/../edit_checks.sh"
 
 ffmpeg -nostdin -v error -f lavfi -i testsrc=size=320x240:rate=25 -frames:v 12 -pix_fmt yuv420p \
     -f yuv4mpegpipe "$work/in.y4m"
@@ -37,24 +36,6 @@ encode() {
         x265 --input "$work/in.y4m" --y4m --bframes 3 --keyint 6 --log-level error --no-progress "$@" \
             --output "$out" 2>/dev/null
     fi
-}
-edit() {
-    "$qnvtool" edit "$@" >/dev/null || fail "qnvtool edit $*"
-}
-# The decoded pictures (framemd5 without its header, which names the SAR).
-pictures() {
-    ffmpeg -nostdin -v error -i "$1" -f framemd5 - | grep -v '^#'
-}
-same_pictures() {
-    [ "$(pictures "$1" | wc -l)" = 12 ] || fail "$1: $(pictures "$1" | wc -l) pictures decoded, expected 12"
-    [ "$(pictures "$1")" = "$(pictures "$2")" ] || fail "$2: decodes to other pictures than $1"
-}
-trace() {
-    ffmpeg -nostdin -hide_banner -i "$1" -c copy -bsf:v trace_headers -f null - 2>&1
-}
-# values FILE NAME: the values trace_headers prints for NAME, in order.
-values() {
-    trace "$1" | sed -n "s/^\[trace_headers @ [0-9a-fx]*\] [0-9]* *$2 .* = \([0-9]*\)$/\1/p" | tr '\n' ' '
 }
 
 case $mode in
