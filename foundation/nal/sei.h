@@ -39,13 +39,23 @@ void forEachSeiMessage(Codec codec, const uint8_t* unit, uint32_t size, Visit vi
     }
 }
 
-// A user_data_registered_itu_t_t35 payload holding ATSC A/53 cc_data
-// (country B5, provider 0031, "GA94", user_data_type_code 3): true, with the
-// cc_count.
+// ATSC A/53 Part 4 user data announcing cc_data: user_identifier "GA94"
+// and user_data_type_code 3, as MPEG-2 user_data() carries it behind its
+// start code. True with the reader at cc_data()'s flag byte.
+inline bool readAtscCaptionIdentifier(BitBuffer* payload) {
+    return ReadBits(payload, 32) == 0x47413934 && ReadBits(payload, 8) == 0x03;
+}
+
+// The same behind the T.35 prefix of a user_data_registered_itu_t_t35
+// payload (country B5, provider 0031).
+inline bool readAtscCaptionHeader(BitBuffer* payload) {
+    return ReadBits(payload, 8) == 0xB5 && ReadBits(payload, 16) == 0x0031 && readAtscCaptionIdentifier(payload);
+}
+
+// A user_data_registered_itu_t_t35 payload holding ATSC A/53 cc_data: true,
+// with the cc_count.
 inline bool readAtscCaptionCount(BitBuffer* payload, uint32_t* ccCount) {
-    if (ReadBits(payload, 8) != 0xB5 || ReadBits(payload, 16) != 0x0031 || ReadBits(payload, 32) != 0x47413934 ||
-        ReadBits(payload, 8) != 0x03)
-        return false;
+    if (!readAtscCaptionHeader(payload)) return false;
     SkipBits(payload, 3);  // process_em_data_flag, process_cc_data_flag, additional_data_flag
     *ccCount = ReadBits(payload, 5);
     return true;
