@@ -33,12 +33,16 @@
 
 #include "qnvutil/dframe.h"
 #include "qnvutil/export.h"
+#include "qnvutil/h264.h"
 
 QNV_BEGIN_C
 
-/* Results of the H.264 and MPEG-2 caption insertions. */
+/* Results of the H.264 and MPEG-2 caption insertions, the H.264 time code
+   and the caption search. */
 #define QNV_SEI_OK 0
 #define QNV_SEI_BAD_PACKET (-1)
+#define QNV_SEI_BAD_ARGUMENT (-1) /* a missing frame, record or SPS, or an argument out of range */
+#define QNV_SEI_NOT_FOUND (-2)    /* the frame carries no ATSC cc_data */
 #define QNV_SEI_NO_ROOM (-102)
 
 /* Inserts the packet's caption data into an H.264 frame as a
@@ -73,11 +77,34 @@ QNV_API uint32_t qnvUtilAddHevcCaptions(DFrame* frame, uint32_t frameRate);
    room is reported through ErrOut and left unchanged. */
 QNV_API int32_t qnvutilAddHEVCTimeCode(DFrame* frame, uint32_t tcType);
 
-/* ---- Finding captions ------------------------------------------------------ */
+/* Writes frameTimecode into an H.264 frame as a pic_timing SEI message
+   (payloadType 1; ITU-T H.264 D.1.3, semantics D.2.3) with one clock
+   timestamp: pic_struct as given (Table D-1: 0 frame, 1 top field,
+   2 bottom field, 3 to 8 the field orders and repeats), clock_timestamp_flag
+   1 on the first of its NumClockTS entries only, ct_type 0 (progressive) for
+   the frame structures 0, 7, 8 and 1 (interlaced) for the field ones,
+   nuit_field_based_flag 1 unless the SPS's timing counts one tick per frame,
+   counting_type 4 with cnt_dropped_flag 1 for the drop-frame types 4 and 32
+   (else 0 and 0), full_timestamp_flag 1, discontinuity_flag 0, n_frames,
+   seconds, minutes and hours, and a zero time_offset of time_offset_length
+   bits (24 without HRD parameters, E.2.2).
+   The payload's layout follows `sps`, the SPS the frame is decoded with: the
+   CPB and DPB delays are written when it has NAL or VCL HRD parameters, at
+   their lengths, keeping the values of the frame's own pic_timing when it
+   has one (else 0). `sps` must have VUI pic_struct_present_flag 1.
+   A pic_timing message already in the frame (in an SEI unit in front of its
+   first slice, of at most 1024 bytes) is replaced in its place, the unit's
+   other messages kept; otherwise a new SEI unit goes in front of the first
+   slice (or at the end of a frame without one). lengthPrefixed non-zero: the
+   frame's units carry four-byte big-endian sizes; zero: Annex B start codes.
+   Raises or lowers frameSize and frameBytesTotal by the change.
+   0 on success; -1 when frame, its data or sps is null, frameSize exceeds
+   frameCapacity, sps has no pic_struct_present_flag or picStruct is above 8;
+   -102 when the frame has no room (reported through ErrOut, frame unchanged). */
+QNV_API int32_t qnvutilAddAVCTimeCode(DFrame* frame, uint32_t tcType, const H264SpsRecord* sps, uint32_t picStruct,
+                                      int8_t lengthPrefixed);
 
-/* Results of qnvutilFindCaptions. */
-#define QNV_SEI_BAD_ARGUMENT (-1) /* no frame data, no record, or an unknown form */
-#define QNV_SEI_NOT_FOUND (-2)    /* the frame carries no ATSC cc_data */
+/* ---- Finding captions ------------------------------------------------------ */
 
 /* Forms of carried captions: the codec a frame is searched as, and what was
    found. */
