@@ -99,8 +99,11 @@ QNV_API int32_t qnvutilAddHEVCTimeCode(DFrame* frame, uint32_t tcType);
    frame's units carry four-byte big-endian sizes; zero: Annex B start codes.
    Raises or lowers frameSize and frameBytesTotal by the change.
    0 on success; -1 when frame, its data or sps is null, frameSize exceeds
-   frameCapacity, sps has no pic_struct_present_flag or picStruct is above 8;
-   -102 when the frame has no room (reported through ErrOut, frame unchanged). */
+   frameCapacity, sps has no pic_struct_present_flag, picStruct is above 8,
+   or a length-prefixed frame's unit runs past its end before any slice;
+   -102 when the frame has no room, or the SEI unit whose pic_timing is
+   replaced would grow past 1024 bytes (reported through ErrOut, frame
+   unchanged). */
 QNV_API int32_t qnvutilAddAVCTimeCode(DFrame* frame, uint32_t tcType, const H264SpsRecord* sps, uint32_t picStruct,
                                       int8_t lengthPrefixed);
 
