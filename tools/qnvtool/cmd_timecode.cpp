@@ -2,13 +2,14 @@
 //
 // Stamps a time code on every picture of an HEVC or H.264 elementary
 // stream, counting up from --start in display order: the picture displayed
-// i-th gets start + i, a RASL picture that a starting CRA drops and the
-// second field of an H.264 field pair get none. 29.97 and 59.94 count
+// i-th gets start + i, a RASL picture that a starting CRA drops gets none,
+// and the second field of an H.264 field pair repeats its first field's. 29.97 and 59.94 count
 // drop-frame unless --ndf is given.
 //  - HEVC: a time_code SEI; access units that already carry a time code as
 //    their first prefix SEI keep it.
 //  - H.264: a pic_timing SEI with one clock timestamp, replacing the
-//    stream's own pic_timing. Its layout depends on the SPS, which is
+//    stream's own pic_timing, in every access unit: pic_struct 0 for a
+//    frame, 1 or 2 for a top or bottom field picture. Its layout depends on the SPS, which is
 //    rewritten through the library's writer with VUI pic_struct_present_flag
 //    set (a VUI added where there is none, with timing info at --rate where
 //    the SPS has none; an HRD is kept); an SPS that does not come back
@@ -113,7 +114,8 @@ public:
 
     // Stamps the picture in `buffer` (its size is the unit's, room behind it
     // is added here); returns its new size.
-    size_t stamp(std::vector<uint8_t>& buffer, uint32_t count, uint32_t type, uint64_t offset) {
+    size_t stamp(std::vector<uint8_t>& buffer, uint32_t count, uint32_t type, PictureStructure structure,
+                 uint64_t offset) {
         if (!haveSps_) throw Error("access unit at offset " + std::to_string(offset) + ": no SPS before it");
         const auto size = static_cast<uint32_t>(buffer.size());
         buffer.resize(size + kStampRoom);
@@ -122,7 +124,11 @@ public:
         frame.frameCapacity = static_cast<uint32_t>(buffer.size());
         frame.frameSize = size;
         frame.frameTimecode = count;
-        if (qnvutilAddAVCTimeCode(&frame, type, &sps_, 0, 0) != QNV_SEI_OK)
+        // pic_struct (Table D-1): a frame, a top field or a bottom field.
+        const uint32_t picStruct = structure == PictureStructure::kTopField      ? 1
+                                   : structure == PictureStructure::kBottomField ? 2
+                                                                                 : 0;
+        if (qnvutilAddAVCTimeCode(&frame, type, &sps_, picStruct, 0) != QNV_SEI_OK)
             throw Error("access unit at offset " + std::to_string(offset) + ": no pic_timing SEI could be written");
         return frame.frameSize;
     }
@@ -157,19 +163,19 @@ void runTimecode(const TimecodeOptions& o) {
 
     std::vector<uint8_t> buffer;
     size_t stamped = 0;
+    uint32_t lastCount = first;
     const std::vector<uint8_t>* au;
     int64_t rank;
     uint64_t offset;
     while (units.next(au, rank, offset)) {
         if (h264) {
             h264->rewrite(*au, offset, buffer);
-            // The time code start + i goes to the picture displayed i-th.
-            size_t size = buffer.size();
-            if (rank >= 0) {
-                size = h264->stamp(buffer, first + static_cast<uint32_t>(rank), type, offset);
-                ++stamped;
-            }
-            out.write(buffer.data(), size);
+            // The time code start + i goes to the picture displayed i-th; a
+            // second field repeats its frame's (every access unit carries a
+            // pic_timing once pic_struct_present_flag is set).
+            if (rank >= 0) lastCount = first + static_cast<uint32_t>(rank);
+            out.write(buffer.data(), h264->stamp(buffer, lastCount, type, units.structure(), offset));
+            stamped += rank >= 0 ? 1 : 0;
             continue;
         }
         if (rank < 0) {

@@ -36,6 +36,15 @@ void PictureRanker::add(const uint8_t* unit, uint32_t size, const qnv::order::Ac
         flags = qnvutilPicOrderCount(&state_, unit, size, 0, sets->h264Sps(), sets->h264Pps(), &poc);
         limit = reorderLimit(*sets->h264Sps());
     }
+    // An H.264 field is a lone first field now, or the second field of a
+    // pair whose first field had the other parity.
+    structure_ = PictureStructure::kFrame;
+    if (codec_ == VideoCodec::kH264 && flags != QNV_PICORDER_FAILED) {
+        if (flags & QNV_PICORDER_SECOND_FIELD)
+            structure_ = state_.firstFieldBottom ? PictureStructure::kTopField : PictureStructure::kBottomField;
+        else if (state_.firstFieldPending)
+            structure_ = state_.firstFieldBottom ? PictureStructure::kBottomField : PictureStructure::kTopField;
+    }
     if (!order_) order_ = std::make_unique<DisplayOrder>(limit);
     if (flags == QNV_PICORDER_FAILED) {
         flags = 0;
@@ -61,6 +70,7 @@ bool RankedUnits::readOne() {
         spare_.push_back(std::move(slot));
     } else {
         ranker_.add(slot.bytes.data(), static_cast<uint32_t>(slot.bytes.size()), reader_.splitter());
+        slot.structure = ranker_.structure();
         slot.known = false;
         slots_.push_back(std::move(slot));
     }

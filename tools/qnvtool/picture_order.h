@@ -35,6 +35,10 @@ namespace qnvtool {
 
 class AccessUnitReader;
 
+// How an access unit's picture is coded: H.264 field pictures are coded
+// one field per access unit.
+enum class PictureStructure { kFrame, kTopField, kBottomField };
+
 class PictureRanker {
 public:
     explicit PictureRanker(VideoCodec codec) : codec_(codec) {}
@@ -42,6 +46,8 @@ public:
     // The next access unit in decoding order, with the splitter that read
     // it (for the sets of its first slice).
     void add(const uint8_t* unit, uint32_t size, const qnv::order::AccessUnitSplitter* sets);
+    // The structure of the unit last added.
+    PictureStructure structure() const { return structure_; }
     // The earliest unit not yet handed out, once its rank is known.
     bool pop(int64_t& rank) { return order_ && order_->pop(rank); }
     // End of the stream: the remaining units get their ranks.
@@ -58,6 +64,7 @@ private:
     PicOrderState state_{};
     std::unique_ptr<DisplayOrder> order_;
     int32_t fallbackPoc_ = 0;  // for pictures whose POC cannot be read: stream order
+    PictureStructure structure_ = PictureStructure::kFrame;
 };
 
 // A stream's access units in decoding order, each handed out once its rank
@@ -72,6 +79,8 @@ public:
     // The next unit: its bytes (valid until the next call), rank (-1: no
     // place of its own) and stream offset. False at the end.
     bool next(const std::vector<uint8_t>*& bytes, int64_t& rank, uint64_t& offset);
+    // The structure of the unit last handed out.
+    PictureStructure structure() const { return out_.structure; }
     // Display places known so far; after the end, the stream's total.
     int64_t ranked() const { return ranker_.ranked(); }
     bool ended() const { return ended_; }
@@ -84,6 +93,7 @@ private:
         uint64_t offset = 0;
         int64_t rank = 0;
         bool known = false;
+        PictureStructure structure = PictureStructure::kFrame;
     };
     bool readOne();  // false at the end of the stream
 
