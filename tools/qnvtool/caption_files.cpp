@@ -1,5 +1,6 @@
 #include "tools/qnvtool/caption_files.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <ctime>
 #include <random>
@@ -155,6 +156,11 @@ std::string labelText(const Counting& c, uint32_t count, char sep) {
     return text;
 }
 
+bool parseLabel(std::string_view text, const Counting& c, uint32_t& count) {
+    Label label;
+    return readLabel(text, label) && label.used == text.size() && labelToCount(c, label.h, label.m, label.s, label.f, count);
+}
+
 // ---- SCC ------------------------------------------------------------------------
 
 SccFile readScc(std::string_view text, const std::string& name) {
@@ -197,13 +203,31 @@ SccFile readScc(std::string_view text, const std::string& name) {
                 fail(name, n, "'" + printable(w) + "' is not a byte pair of four hex digits");
             // guard: frame counts stay 32-bit.
             if (frame == UINT32_MAX) fail(name, n, "time code out of range");
-            file.pairs.push_back({frame++, static_cast<uint8_t>(d[0] << 4 | d[1]), static_cast<uint8_t>(d[2] << 4 | d[3])});
+            file.pairs.push_back(
+                {frame++, static_cast<uint8_t>(d[0] << 4 | d[1]), static_cast<uint8_t>(d[2] << 4 | d[3]), count});
             rest = skipBlanks(rest.substr(word));
         }
         nextFree = frame;
     }
     if (!sawLabel) fail(name, lines.number(), "no captions");
     return file;
+}
+
+const SccPair* SccCursor::at(uint32_t frame) const {
+    const auto it = std::lower_bound(file_.pairs.begin(), file_.pairs.end(), frame,
+                                     [](const SccPair& p, uint32_t f) { return p.frame < f; });
+    return it != file_.pairs.end() && it->frame == frame ? &*it : nullptr;
+}
+
+SccCursor::Leftover SccCursor::leftover(uint32_t end) const {
+    Leftover l;
+    for (const SccPair& p : file_.pairs) {
+        l.before += p.frame < start_ ? 1 : 0;
+        l.after += p.frame >= end ? 1 : 0;
+        if (p.label < end && p.frame >= end) l.queuePastEnd = p.frame - end + 1;
+    }
+    for (uint32_t label : file_.labels) l.labelInside = l.labelInside || (label >= start_ && label < end);
+    return l;
 }
 
 SccWriter::SccWriter(OutputStream& out, bool dropFrame) : out_(out), counting_{30, dropFrame ? 2u : 0u} {

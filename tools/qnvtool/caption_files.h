@@ -51,6 +51,9 @@ bool labelToCount(const Counting& c, uint32_t h, uint32_t m, uint32_t s, uint32_
 void countToLabel(const Counting& c, uint32_t count, uint32_t& h, uint32_t& m, uint32_t& s, uint32_t& f);
 // "HH:MM:SS:FF", or with `sep` before the frames.
 std::string labelText(const Counting& c, uint32_t count, char sep);
+// The count of a whole label "HH:MM:SS:FF" (':' or ';' between the fields,
+// whatever the counting); false when it is not one or does not exist.
+bool parseLabel(std::string_view text, const Counting& c, uint32_t& count);
 
 // ---- SCC ----------------------------------------------------------------------
 
@@ -59,6 +62,7 @@ inline constexpr char kSccHeader[] = "Scenarist_SCC V1.0";
 struct SccPair {
     uint32_t frame;  // the frame the pair is sent in (see readScc)
     uint8_t b1, b2;
+    uint32_t label;  // its line's label
 };
 
 struct SccFile {
@@ -74,6 +78,30 @@ struct SccFile {
 // Reads a whole SCC text. Throws Error "<name>:<line>: <what>" on the first
 // malformed line.
 SccFile readScc(std::string_view text, const std::string& name);
+
+// The pairs of an SCC file for the pictures of a stream, the first in
+// display order at `start`: each picture's frame is start plus its display
+// rank. Pictures come in decoding order, so frames are looked up.
+class SccCursor {
+public:
+    SccCursor(const SccFile& file, uint32_t start) : file_(file), start_(start) {}
+    // The pair sent at `frame`, or null when none is.
+    const SccPair* at(uint32_t frame) const;
+    // After the last picture, at `end` (the first frame past the stream):
+    // pairs that fell before the first picture, pairs left for after the
+    // stream, and how far past the end the queue of the lines that began
+    // inside the stream runs (0: it does not).
+    struct Leftover {
+        uint64_t before = 0, after = 0;
+        uint32_t queuePastEnd = 0;
+        bool labelInside = false;  // a label falls inside [start, end)
+    };
+    Leftover leftover(uint32_t end) const;
+
+private:
+    const SccFile& file_;
+    uint32_t start_;
+};
 
 // SCC lines written in frame order: pairs on consecutive frames share a
 // line; a gap starts a new labelled line. Padding (80 80) is left out.
