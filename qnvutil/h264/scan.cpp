@@ -6,29 +6,26 @@
 #include "foundation/nal/nal.h"
 #include "foundation/nal/sei.h"
 #include "qnvutil/h264.h"
+#include "qnvutil/h264/pic_timing.h"
 
 namespace qnv {
 
 namespace {
-
-// Bits of a u(v) delay field: the HRD's length minus 1, plus 1.
-// guard: lengths outside 1..32 (a malformed or unread SPS) read 32 bits at most
-uint32_t delayBits(int32_t lengthMinus1) {
-    return lengthMinus1 < 0 || lengthMinus1 > 31 ? 32u : static_cast<uint32_t>(lengthMinus1) + 1;
-}
 
 // pic_timing (D.1.3): the delays when the SPS has HRD parameters, then
 // pic_struct when it has pic_struct_present_flag.
 void inspectPicTiming(BitBuffer* bb, const H264SpsRecord* sps, H264FrameContext* frame) {
     frame->found |= H264_FOUND_PIC_TIMING;
     if (sps == nullptr) return;
-    const bool nal = sps->nal_hrd_parameters_present_flag == 1, vcl = sps->vcl_hrd_parameters_present_flag == 1;
-    if (nal || vcl) {
-        const HrdParameters& hrd = nal ? sps->nal_hrd : sps->vcl_hrd;
-        frame->cpbRemovalDelay = ReadBits(bb, delayBits(hrd.cpb_removal_delay_length_minus1));
-        frame->dpbOutputDelay = ReadBits(bb, delayBits(hrd.dpb_output_delay_length_minus1));
+    const h264::PicTimingLayout layout = h264::picTimingLayout(*sps);
+    h264::PicTiming timing{};
+    syntax::ReadCoder c(bb);
+    h264::picTiming(c, timing, layout);
+    if (layout.delays) {
+        frame->cpbRemovalDelay = timing.cpb_removal_delay;
+        frame->dpbOutputDelay = timing.dpb_output_delay;
     }
-    if (sps->pic_struct_present_flag == 1) frame->picStruct = ReadBits(bb, 4);
+    if (layout.picStruct) frame->picStruct = timing.pic_struct;
 }
 
 void inspectSei(const uint8_t* unit, uint32_t size, const H264SpsRecord* sps, H264FrameContext* frame) {

@@ -23,6 +23,15 @@ inline void insertAt(DFrame& frame, uint32_t pos, uint32_t shift, const uint8_t*
     std::memcpy(frame.frameData + pos, block, length);
 }
 
+// Replaces frameData[pos, pos + removed) with `block` (`length` bytes),
+// moving the tail behind it; frameSize is not changed. The caller has checked
+// that pos + removed <= frameSize and that the frame's new size fits in
+// frameCapacity.
+inline void replaceAt(DFrame& frame, uint32_t pos, uint32_t removed, const uint8_t* block, uint32_t length) {
+    std::memmove(frame.frameData + pos + length, frame.frameData + pos + removed, frame.frameSize - pos - removed);
+    std::memcpy(frame.frameData + pos, block, length);
+}
+
 }  // namespace qnv
 
 #endif

@@ -7,7 +7,7 @@
 #include "qnvutil/sei.h"
 #include "qnvutil/sei/frame_insert.h"
 #include "qnvutil/sei/hevc_sei.h"
-#include "qnvutil/timecodetext.h"
+#include "qnvutil/sei/timecode_fields.h"
 
 namespace qnv {
 
@@ -17,9 +17,6 @@ constexpr uint32_t kSearchWindow = 4096;
 constexpr uint8_t kTimeCodePayload = 136;
 // An access unit delimiter with its four-byte start code.
 constexpr uint32_t kDelimiterLength = 7;
-// TimecodeText format bit for the four binary bytes hours, minutes, seconds,
-// frames.
-constexpr uint32_t kBinaryTimecode = 0x400;
 
 bool isPrefixSei(const uint8_t* p) { return p[0] == 0 && p[1] == 0 && p[2] == 0 && p[3] == 1 && p[4] == 0x4E; }
 
@@ -52,16 +49,13 @@ uint32_t findPlace(const uint8_t* data, uint32_t size) {
 
 // The SEI NAL unit with its start code, into `out`; returns its length.
 uint32_t buildTimeCodeSei(uint32_t frameCount, uint32_t tcType, uint8_t* out, uint32_t outSize) {
-    char tc[TCT_TEXT_SIZE] = {};
-    TimecodeTextFormat(frameCount, tcType | kBinaryTimecode, tc);
-    auto field = [&](int i) { return static_cast<int32_t>(static_cast<uint8_t>(tc[i])); };
-    const bool dropped = tcType == 4 || tcType == 32;
+    const TimecodeFields tc = timecodeFields(frameCount, tcType);
 
     // The 43 bits of the payload gathered in one word, most significant first.
     uint64_t bits = 0;
     uint32_t count = 0;
-    auto put = [&](uint32_t n, int32_t v) {
-        bits = bits << n | (uint64_t(uint32_t(v)) & ((uint64_t(1) << n) - 1));
+    auto put = [&](uint32_t n, uint32_t v) {
+        bits = bits << n | (uint64_t(v) & ((uint64_t(1) << n) - 1));
         count += n;
     };
     put(2, 1);           // num_clock_ts
@@ -70,11 +64,11 @@ uint32_t buildTimeCodeSei(uint32_t frameCount, uint32_t tcType, uint8_t* out, ui
     put(5, 0);           // counting_type
     put(1, 1);           // full_timestamp_flag
     put(1, 0);           // discontinuity_flag
-    put(1, dropped);     // cnt_dropped_flag
-    put(9, field(3));    // n_frames
-    put(6, field(2));    // seconds_value
-    put(6, field(1));    // minutes_value
-    put(5, field(0));    // hours_value
+    put(1, tc.dropFrame);  // cnt_dropped_flag
+    put(9, tc.frames);     // n_frames
+    put(6, tc.seconds);    // seconds_value
+    put(6, tc.minutes);    // minutes_value
+    put(5, tc.hours);      // hours_value
     put(5, 0);           // time_offset_length
 
     uint8_t rbsp[64] = {};

@@ -1,19 +1,30 @@
 // qnvtool timecode IN OUT --start HH:MM:SS:FF --rate R [--ndf]
 //
-// Stamps an HEVC time_code SEI on every access unit of an HEVC elementary
+// Stamps a time code on every picture of an HEVC or H.264 elementary
 // stream, counting up from --start in display order: the picture displayed
-// i-th gets start + i, a RASL picture that a starting CRA drops gets none.
-// 29.97 and 59.94 count drop-frame
-// unless --ndf is given; access units that already carry a time code as
-// their first prefix SEI keep it.
+// i-th gets start + i, a RASL picture that a starting CRA drops and the
+// second field of an H.264 field pair get none. 29.97 and 59.94 count
+// drop-frame unless --ndf is given.
+//  - HEVC: a time_code SEI; access units that already carry a time code as
+//    their first prefix SEI keep it.
+//  - H.264: a pic_timing SEI with one clock timestamp, replacing the
+//    stream's own pic_timing. Its layout depends on the SPS, which is
+//    rewritten through the library's writer with VUI pic_struct_present_flag
+//    set (a VUI added where there is none, with timing info at --rate where
+//    the SPS has none; an HRD is kept); an SPS that does not come back
+//    unchanged through the library's record stops the run.
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 
+#include "foundation/nal/nal.h"
+#include "qnvutil/h264.h"
 #include "qnvutil/sei.h"
 #include "qnvutil/timecodetext.h"
 #include "qnvutil/vidformat.h"
 #include "tools/qnvtool/access_units.h"
+#include "tools/qnvtool/edit.h"
 #include "tools/qnvtool/picture_order.h"
 #include "tools/qnvtool/stream_io.h"
 #include "tools/qnvtool/tool.h"
@@ -68,16 +79,81 @@ uint32_t parseStart(std::string text, uint32_t type) {
     return frames;
 }
 
+// Room a time code SEI needs beyond its access unit: a new unit, or a
+// pic_timing grown inside its own.
+constexpr size_t kStampRoom = 96;
+
+// The H.264 side: each SPS rewritten for pic_timing, and the record of the
+// last one, which the pic_timing layout follows.
+class H264Stamper {
+public:
+    explicit H264Stamper(const TimecodeOptions& o) : changes_(changesFor(o)), sets_(Codec::kH264, changes_) {}
+
+    // The access unit with its SPS rewritten, into `out` (with spare room).
+    void rewrite(const std::vector<uint8_t>& au, uint64_t offset, std::vector<uint8_t>& out) {
+        namespace nal = qnv::nal;
+        out.clear();
+        nal::UnitWalk walk(au.data(), static_cast<uint32_t>(au.size()), nal::Framing::kAnnexB);
+        uint32_t copied = 0;
+        for (nal::Unit u; walk.next(u);) {
+            if (u.size == 0 || nal::unitType(nal::Codec::kH264, au[u.header()]) != nal::h264::kSps) continue;
+            const std::string where = "the SPS at offset " + std::to_string(offset + u.offset);
+            const std::vector<uint8_t>& sps = sets_.rewrite(au.data() + u.header(), u.size, where);
+            out.insert(out.end(), au.begin() + copied, au.begin() + u.header());
+            out.insert(out.end(), sps.begin(), sps.end());
+            copied = u.end();
+            std::memset(&sps_, 0, sizeof sps_);
+            BitBuffer reader{const_cast<uint8_t*>(sps.data()), static_cast<uint32_t>(sps.size()),
+                             static_cast<uint32_t>(sps.size() * 8), 0};
+            qnvutilRead_SPS(&reader, &sps_);
+            haveSps_ = true;
+        }
+        out.insert(out.end(), au.begin() + copied, au.end());
+    }
+
+    // Stamps the picture in `buffer` (its size is the unit's, room behind it
+    // is added here); returns its new size.
+    size_t stamp(std::vector<uint8_t>& buffer, uint32_t count, uint32_t type, uint64_t offset) {
+        if (!haveSps_) throw Error("access unit at offset " + std::to_string(offset) + ": no SPS before it");
+        const auto size = static_cast<uint32_t>(buffer.size());
+        buffer.resize(size + kStampRoom);
+        DFrame frame{};
+        frame.frameData = buffer.data();
+        frame.frameCapacity = static_cast<uint32_t>(buffer.size());
+        frame.frameSize = size;
+        frame.frameTimecode = count;
+        if (qnvutilAddAVCTimeCode(&frame, type, &sps_, 0, 0) != QNV_SEI_OK)
+            throw Error("access unit at offset " + std::to_string(offset) + ": no pic_timing SEI could be written");
+        return frame.frameSize;
+    }
+
+private:
+    static EditChanges changesFor(const TimecodeOptions& o) {
+        uint32_t rate = 0, scale = 0;
+        qnv::RateFromText(o.rate.c_str(), &rate, &scale);
+        EditChanges c;
+        c.picStructPresent = true;
+        c.fpsWhenAbsent = Ratio{rate, scale};
+        return c;
+    }
+    EditChanges changes_;  // before sets_, which keeps a reference to it
+    ParameterSetEditor sets_;
+    H264SpsRecord sps_{};
+    bool haveSps_ = false;
+};
+
 void runTimecode(const TimecodeOptions& o) {
     const uint32_t type = timecodeType(o.rate, o.nonDrop);
     const uint32_t first = parseStart(o.start, type);
     InputStream in(o.in);
     UnitReader reader(in);
-    if (resolveCodec(streamHead(reader), "", in.name()) != VideoCodec::kHevc)
-        throw Error(in.name() + ": time codes go into HEVC streams only");
-    AccessUnitReader aus(reader, VideoCodec::kHevc);
-    RankedUnits units(aus, VideoCodec::kHevc, 0);
+    const VideoCodec codec = resolveCodec(streamHead(reader), "", in.name());
+    if (codec == VideoCodec::kMpeg2) throw Error(in.name() + ": time codes go into HEVC and H.264 streams only");
+    AccessUnitReader aus(reader, codec);
+    RankedUnits units(aus, codec, 0);
     OutputStream out(o.out);
+    std::unique_ptr<H264Stamper> h264;
+    if (codec == VideoCodec::kH264) h264 = std::make_unique<H264Stamper>(o);
 
     std::vector<uint8_t> buffer;
     size_t stamped = 0;
@@ -85,7 +161,17 @@ void runTimecode(const TimecodeOptions& o) {
     int64_t rank;
     uint64_t offset;
     while (units.next(au, rank, offset)) {
-        // The time code start + i goes to the picture displayed i-th.
+        if (h264) {
+            h264->rewrite(*au, offset, buffer);
+            // The time code start + i goes to the picture displayed i-th.
+            size_t size = buffer.size();
+            if (rank >= 0) {
+                size = h264->stamp(buffer, first + static_cast<uint32_t>(rank), type, offset);
+                ++stamped;
+            }
+            out.write(buffer.data(), size);
+            continue;
+        }
         if (rank < 0) {
             out.write(*au);
             continue;
@@ -111,8 +197,8 @@ void runTimecode(const TimecodeOptions& o) {
 
 const Registration kTimecode([](CLI::App& app) {
     auto o = std::make_shared<TimecodeOptions>();
-    CLI::App* sub = app.add_subcommand("timecode", "Stamp an HEVC time code SEI on every access unit, counting up");
-    sub->add_option("IN", o->in, "HEVC elementary stream")->required();
+    CLI::App* sub = app.add_subcommand("timecode", "Stamp a time code SEI on every picture of an HEVC or H.264 stream, counting up in display order");
+    sub->add_option("IN", o->in, "HEVC or H.264 elementary stream")->required();
     sub->add_option("OUT", o->out, "output stream")->required();
     sub->add_option("--start", o->start, "timecode of the first access unit, HH:MM:SS:FF")->required();
     sub->add_option("--rate", o->rate,

@@ -38,12 +38,16 @@ struct EditChanges {
     std::optional<Ratio> sar;
     std::optional<Level> level;
     std::optional<Ratio> fps;  // frames per second as num/den
+    // H.264 only: VUI pic_struct_present_flag set (for pic_timing time codes),
+    // and timing info at this rate for an SPS that has none.
+    bool picStructPresent = false;
+    std::optional<Ratio> fpsWhenAbsent;
     std::optional<Crop> crop;
     AudEdit aud = AudEdit::kKeep;
     std::vector<uint32_t> removeSei;  // payloadType values
 
     bool colour() const { return primaries || transfer || matrix; }
-    bool vui() const { return colour() || fullRange || sar || fps; }
+    bool vui() const { return colour() || fullRange || sar || fps || picStructPresent || fpsWhenAbsent; }
     bool sequence() const { return vui() || level || crop; }
 };
 

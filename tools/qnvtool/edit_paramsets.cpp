@@ -119,11 +119,15 @@ void editH264Sps(const EditChanges& c, H264SpsRecord& s, const std::string& wher
     if (applyVui(c, vuiWords(s, word(s.matrix_coefficients), word(s.timing_info_present_flag),
                              word(s.num_units_in_tick), word(s.time_scale))))
         s.fixed_frame_rate_flag = 1;
-    if (c.fps) {
+    const std::optional<Ratio> fps = c.fps ? c.fps : s.timing_info_present_flag != 1 ? c.fpsWhenAbsent : std::nullopt;
+    if (fps) {
+        if (s.timing_info_present_flag != 1) s.fixed_frame_rate_flag = 1;
+        s.timing_info_present_flag = 1;
         // H.264 counts fields: two ticks per frame.
-        *word(s.num_units_in_tick) = c.fps->den;
-        *word(s.time_scale) = 2 * c.fps->num;
+        *word(s.num_units_in_tick) = fps->den;
+        *word(s.time_scale) = 2 * fps->num;
     }
+    if (c.picStructPresent) s.pic_struct_present_flag = 1;
     if (c.level) {
         const bool oneB = c.level->oneB;
         if (oneBProfile(s.profile_idc)) {

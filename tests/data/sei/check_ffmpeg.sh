@@ -9,6 +9,11 @@
 #             characters in display order although the streams carry B-frames.
 #   timecode: ffprobe reports the SMPTE 12-1 time code of every frame, across
 #             the drop-frame minute boundary at 29.97.
+#   timecode-h264: the same for H.264 pic_timing, frame by frame in display
+#             order although the stream carries B-frames, the pictures
+#             decoding to the same frames as before; and on a stream with HRD
+#             parameters and pic_timing of its own, non-drop-frame, that
+#             pic_timing replaced (one per picture) with its delays kept.
 set -eu
 qnvtool=$1
 mode=$2
@@ -81,6 +86,41 @@ timecode)
     done
     got=$(ffprobe -v error -show_frames "$out" | sed -n 's/^value=//p' | tr '\n' ' ' | sed 's/ $//')
     [ "$got" = "$expected" ] || fail "time codes: got '$got', expected '$expected'"
+    ;;
+timecode-h264)
+    same_pictures() {
+        ffmpeg -nostdin -v error -i "$1" -f framemd5 -y "$work/before.md5"
+        ffmpeg -nostdin -v error -i "$2" -f framemd5 -y "$work/after.md5"
+        cmp -s "$work/before.md5" "$work/after.md5" || fail "$2: pictures differ from $1"
+    }
+    out=$work/tc.264
+    "$qnvtool" timecode "$data/h264.264" "$out" --start 00:00:59:28 --rate 30000/1001 >/dev/null
+    decodes_cleanly "$out"
+    same_pictures "$data/h264.264" "$out"
+    expected="00:00:59;28 00:00:59;29"
+    for f in 02 03 04 05 06 07 08 09 10 11 12 13 14 15 16 17 18 19 20 21 22 23 24 25 26 27 28 29; do
+        expected="$expected 00:01:00;$f"
+    done
+    got=$(ffprobe -v error -show_frames "$out" | sed -n 's/^value=//p' | tr '\n' ' ' | sed 's/ $//')
+    [ "$got" = "$expected" ] || fail "time codes: got '$got', expected '$expected'"
+
+    out=$work/tc-hrd.264
+    "$qnvtool" timecode "$data/h264hrd.264" "$out" --start 01:00:00:00 --rate 30000/1001 --ndf >/dev/null
+    decodes_cleanly "$out"
+    same_pictures "$data/h264hrd.264" "$out"
+    expected=""
+    for f in 00 01 02 03 04 05 06 07 08 09 10 11 12 13 14 15 16 17 18 19 20 21 22 23 24 25 26 27 28 29; do
+        expected="$expected 01:00:00:$f"
+    done
+    got=$(ffprobe -v error -show_frames "$out" | sed -n 's/^value=//p' | tr '\n' ' ' | sed 's/ $//')
+    [ "$got" = "${expected# }" ] || fail "time codes: got '$got', expected '${expected# }'"
+    delays() {
+        ffmpeg -nostdin -i "$1" -c copy -bsf:v trace_headers -f null - 2>&1 |
+            grep -E ' (cpb_removal_delay|dpb_output_delay) ' | sed 's/.* = //' | tr '\n' ' '
+    }
+    [ "$(delays "$out")" = "$(delays "$data/h264hrd.264")" ] || fail "$out: CPB and DPB delays changed"
+    n=$(ffmpeg -nostdin -i "$out" -c copy -bsf:v trace_headers -f null - 2>&1 | grep -c "Picture Timing" || true)
+    [ "$n" = "$frames" ] || fail "$out: $n pic_timing messages, expected $frames"
     ;;
 *)
     fail "unknown mode $mode"

@@ -3,6 +3,8 @@
 # frames of a 64x64 test pattern at 29.97 fps, an I picture every 15 frames,
 # with the encoders' default B-frames (so decoding and display order differ).
 #   h264.264   x264: three B-frames with B-pyramid (no access unit delimiters)
+#   h264hrd.264  the same with NAL HRD parameters and x264's own pic_timing SEI
+#                (CPB and DPB delays, pic_struct without clock timestamps)
 #   hevc.265   x265: its default four B-frames (no access unit delimiters)
 #   mpeg2.m2v  ffmpeg mpeg2video
 set -eu
@@ -10,6 +12,9 @@ cd "$(dirname "$0")"
 src() { ffmpeg -v error -f lavfi -i testsrc=size=64x64:rate=30000/1001 -frames:v 30 -pix_fmt yuv420p "$@"; }
 src -f yuv4mpegpipe - |
     x264 --demuxer y4m --keyint 15 --min-keyint 15 --preset fast --quiet --output h264.264 - 2>/dev/null
+src -f yuv4mpegpipe - |
+    x264 --demuxer y4m --keyint 15 --min-keyint 15 --preset fast --quiet --nal-hrd vbr --vbv-bufsize 600 \
+         --vbv-maxrate 500 --pic-struct --output h264hrd.264 - 2>/dev/null
 src -f yuv4mpegpipe - |
     x265 --input - --y4m --keyint 15 --min-keyint 15 --preset fast --no-info --no-progress \
          --log-level error --output hevc.265
