@@ -34,6 +34,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <deque>
 #include <optional>
 
 #include "qnvutil/sei.h"
@@ -41,6 +42,7 @@
 #include "tools/qnvtool/access_units.h"
 #include "tools/qnvtool/caption_files.h"
 #include "tools/qnvtool/cdp.h"
+#include "tools/qnvtool/cea608.h"
 #include "tools/qnvtool/annexb.h"
 #include "tools/qnvtool/picture_order.h"
 #include "tools/qnvtool/stream_io.h"
@@ -53,9 +55,10 @@ namespace {
 using Packet = std::vector<uint8_t>;
 
 struct CaptionsOptions {
-    std::string in, out, cdpFile, text, sccFile, mccFile, start, codec;
+    std::string in, out, cdpFile, text, sccFile, mccFile, srtFile, vttFile, start, codec;
     uint32_t rate = 30;
     bool rateGiven = false;
+    bool extract = false;
 };
 
 // ---- Caption packets ------------------------------------------------------
@@ -401,32 +404,248 @@ void runCaptions(const CaptionsOptions& o) {
                  note.empty() ? "" : "; ", note.c_str());
 }
 
+// ---- Extraction ---------------------------------------------------------------
+//
+// qnvtool captions --extract IN [--scc OUT] [--mcc OUT] [--srt OUT] [--vtt OUT]
+//                  [--start HH:MM:SS:FF] [--rate N] [--codec ...]
+//
+// Finds the cc_data of every picture (qnvutilFindCaptions) and takes the
+// pictures in display order: the picture displayed i-th has the time code
+// --start + i and the time i / rate. SCC: its field-1 pair at its time
+// code, padding left out. MCC: one CDP per picture on a line with the
+// picture's time code, rebuilt with the rate's cc_count (DTVCC padding
+// added when the picture carried fewer triplets, or none) and without a
+// time code section of its own, which some readers do not step over. SRT and WebVTT: CC1 captions
+// from the CEA-608 decoder.
+
+// Time codes and times of the pictures at a whole-number rate.
+struct PictureClock {
+    uint32_t rate = 29;
+    captions::Counting counting;
+    uint32_t start = 0;
+    char separator = ':';
+    const captions::MccRate* mccRate = nullptr;
+
+    int64_t micros(int64_t rank) const {
+        const bool fractional = rate == 23 || rate == 29 || rate == 59;
+        const int64_t num = fractional ? 1001 : 1000, den = fractional ? rate + 1 : rate;
+        return (rank * num * 1000000 / 1000 + den / 2) / den;
+    }
+};
+
+PictureClock pictureClock(const CaptionsOptions& o) {
+    PictureClock c;
+    c.rate = o.rateGiven ? o.rate : 29;
+    // Drop-frame counting at 29.97 and 59.94 unless --start says ':'.
+    const bool fractional = c.rate == 29 || c.rate == 59;
+    const bool drop = fractional && (o.start.empty() || o.start.find(';') != std::string::npos);
+    for (const captions::MccRate& r : captions::kMccRates)
+        if (r.wholeRate == (c.rate == 23 ? 24 : c.rate) && (r.counting.dropped != 0) == drop) c.mccRate = &r;
+    if (c.rate == 29 && !drop) c.mccRate = &captions::kMccRates[2];  // "30"
+    if (c.rate == 59 && !drop) c.mccRate = &captions::kMccRates[5];  // "60"
+    if (!c.mccRate) throw Error("--extract: no time code counts at --rate " + std::to_string(c.rate));
+    c.counting = c.mccRate->counting;
+    c.separator = drop ? ';' : ':';
+    if (!o.start.empty() && !captions::parseLabel(o.start, c.counting, c.start))
+        throw Error("--start '" + printable(o.start) + "' is not a time code at --rate " + std::to_string(c.rate));
+    return c;
+}
+
+// The cc_data found in one picture, waiting for the pictures displayed
+// before it.
+struct FoundCaptions {
+    bool known = false;
+    uint32_t count = 0;
+    uint32_t words[QNV_CC_MAX_TRIPLETS];
+};
+
+class CaptionOutputs {
+public:
+    CaptionOutputs(const CaptionsOptions& o, const PictureClock& clock) : clock_(clock) {
+        if (!o.sccFile.empty()) {
+            if (clock.counting.perSecond != 30)
+                throw Error("--scc: SCC time codes count 30 frames a second; --rate " + std::to_string(clock.rate) +
+                            " is not 29 (29.97) or 30");
+            sccOut_.emplace(o.sccFile);
+            scc_.emplace(*sccOut_, clock.counting.dropped != 0);
+        }
+        if (!o.mccFile.empty()) {
+            mccOut_.emplace(o.mccFile);
+            mcc_.emplace(*mccOut_, *clock.mccRate, captions::currentMccHeader());
+        }
+        if (!o.srtFile.empty()) {
+            srtOut_.emplace(o.srtFile);
+            srt_.emplace(*srtOut_, cea608::SubtitleWriter::Format::kSrt);
+        }
+        if (!o.vttFile.empty()) {
+            vttOut_.emplace(o.vttFile);
+            vtt_.emplace(*vttOut_, cea608::SubtitleWriter::Format::kVtt);
+        }
+    }
+
+    // The picture displayed `rank`-th and its cc_data.
+    void picture(int64_t rank, const FoundCaptions& found) {
+        const uint32_t frame = clock_.start + static_cast<uint32_t>(rank);
+        const int64_t time = clock_.micros(rank);
+        captioned_ += found.count ? 1 : 0;
+        for (uint32_t i = 0; i < found.count; ++i) {
+            const uint32_t w = found.words[i];
+            // cc_valid 1, cc_type 0: a field-1 pair.
+            if ((w >> 16 & 0x07) != 0x04) continue;
+            const uint8_t b1 = static_cast<uint8_t>(w >> 8), b2 = static_cast<uint8_t>(w);
+            if (scc_) scc_->add(frame, b1, b2);
+            decoder_.pair(time, b1, b2);
+            break;
+        }
+        if (mcc_) {
+            cdp::Packet p;
+            p.rate = cdp::frameRateOf(clock_.rate);
+            p.sequence = static_cast<uint16_t>(rank);
+            p.count = found.count;
+            for (uint32_t i = 0; i < found.count; ++i)
+                p.triplets[i] = {static_cast<uint8_t>(found.words[i] >> 16), static_cast<uint8_t>(found.words[i] >> 8),
+                                 static_cast<uint8_t>(found.words[i])};
+            for (; p.count < cdp::ccCountOf(p.rate); ++p.count) p.triplets[p.count] = {cdp::kDtvccPadding, 0, 0};
+            uint8_t bytes[cdp::kMaxBytes];
+            const size_t n = cdp::build(p, bytes);
+            mcc_->add(frame, bytes, n);
+        }
+    }
+
+    // After the last picture, `total` of them: the files put in place.
+    std::string finish(int64_t total) {
+        decoder_.finish(clock_.micros(total));
+        std::string note = std::to_string(captioned_) + " of " + std::to_string(total) + " pictures carry captions";
+        if (scc_) {
+            scc_->finish();
+            sccOut_->commit();
+            note += "; SCC: " + std::to_string(scc_->pairs()) + " pairs";
+        }
+        if (mcc_) {
+            mccOut_->commit();
+            note += "; MCC: " + std::to_string(mcc_->packets()) + " CDPs";
+        }
+        if (srt_) {
+            srtOut_->commit();
+            note += "; SRT: " + std::to_string(srt_->cues()) + " captions";
+        }
+        if (vtt_) {
+            vttOut_->commit();
+            note += "; WebVTT: " + std::to_string(vtt_->cues()) + " captions";
+        }
+        return note;
+    }
+
+private:
+    void cue(const cea608::Cue& c) {
+        if (srt_) srt_->add(c);
+        if (vtt_) vtt_->add(c);
+    }
+
+    const PictureClock& clock_;
+    std::optional<OutputStream> sccOut_, mccOut_, srtOut_, vttOut_;
+    std::optional<captions::SccWriter> scc_;
+    std::optional<captions::MccWriter> mcc_;
+    std::optional<cea608::SubtitleWriter> srt_, vtt_;
+    cea608::Decoder decoder_{[this](const cea608::Cue& c) { cue(c); }};
+    uint64_t captioned_ = 0;
+};
+
+void runExtract(const CaptionsOptions& o) {
+    if (o.sccFile.empty() && o.mccFile.empty() && o.srtFile.empty() && o.vttFile.empty())
+        throw Error("--extract: give at least one of --scc, --mcc, --srt, --vtt");
+    const PictureClock clock = pictureClock(o);
+    InputStream in(o.in);
+    UnitReader reader(in);
+    const VideoCodec codec = resolveCodec(streamHead(reader), o.codec, in.name());
+    const uint32_t form = codec == VideoCodec::kH264  ? QNV_CC_FORM_AVC
+                          : codec == VideoCodec::kHevc ? QNV_CC_FORM_HEVC
+                                                       : QNV_CC_FORM_MPEG2;
+    AccessUnitReader aus(reader, codec);
+    RankedUnits units(aus, codec, 0);
+    CaptionOutputs outputs(o, clock);
+
+    // Pictures come in decoding order; their captions wait here, by rank,
+    // until every picture displayed before them has come (as many as the
+    // stream's reorder depth).
+    std::deque<FoundCaptions> waiting;
+    int64_t next = 0;  // the rank handed to the outputs next
+    CaptionDataRecord record;
+    const std::vector<uint8_t>* au;
+    int64_t rank;
+    uint64_t offset;
+    while (units.next(au, rank, offset)) {
+        if (rank < 0) continue;
+        // guard: a rank behind the ones handed out, or too far ahead, is a
+        // broken order; it is refused rather than held.
+        if (rank < next || rank - next > 4096)
+            throw Error(in.name() + ": picture order broken at offset " + std::to_string(offset));
+        const size_t slot = static_cast<size_t>(rank - next);
+        if (waiting.size() <= slot) waiting.resize(slot + 1);
+        FoundCaptions& f = waiting[slot];
+        f.known = true;
+        f.count = 0;
+        if (qnvutilFindCaptions(au->data(), static_cast<uint32_t>(au->size()), form, 0, &record) == 0) {
+            f.count = record.tripletCount < QNV_CC_MAX_TRIPLETS ? record.tripletCount : QNV_CC_MAX_TRIPLETS;
+            std::copy(record.cc_data, record.cc_data + f.count, f.words);
+        }
+        while (!waiting.empty() && waiting.front().known) {
+            outputs.picture(next++, waiting.front());
+            waiting.pop_front();
+        }
+    }
+    if (units.units() == 0) throw Error(in.name() + ": no access units");
+    if (!waiting.empty()) throw Error(in.name() + ": pictures missing from the display order");
+    const std::string note = outputs.finish(next);
+    const bool pipe = o.sccFile == "-" || o.mccFile == "-" || o.srtFile == "-" || o.vttFile == "-";
+    clearProgressLine();
+    std::fprintf(pipe ? stderr : stdout, "%llu access units, %s; %s\n", static_cast<unsigned long long>(units.units()),
+                 videoCodecName(codec), note.c_str());
+}
+
 const Registration kCaptions([](CLI::App& app) {
     auto o = std::make_shared<CaptionsOptions>();
     CLI::App* sub = app.add_subcommand("captions", "Insert closed captions (CEA-708 CDPs) into every access unit");
     sub->add_option("IN", o->in, "H.264, HEVC or MPEG-2 video elementary stream")->required();
-    sub->add_option("OUT", o->out, "output stream")->required();
+    sub->add_option("OUT", o->out, "output stream (not with --extract)");
+    auto* extract = sub->add_flag("--extract", o->extract,
+                                  "write the stream's captions to the files of --scc, --mcc, --srt and --vtt instead");
+    auto* srt = sub->add_option("--srt", o->srtFile, "with --extract: SubRip file of the CC1 captions");
+    auto* vtt = sub->add_option("--vtt", o->vttFile, "with --extract: WebVTT file of the CC1 captions");
     auto* cdp = sub->add_option("--cdp", o->cdpFile,
                                 "file of caption packets, used in turn: bare CDPs (96 69 ...) or packets with a "
                                 "4-byte header, 61 01 and the data count in front of each CDP");
     auto* text = sub->add_option("--608-text", o->text, "generate a CEA-608 pop-on caption showing TEXT (CC1)");
-    auto* scc = sub->add_option("--scc", o->sccFile, "SCC file: its CEA-608 pairs go to the pictures by time code");
-    auto* mcc = sub->add_option("--mcc", o->mccFile, "MCC file: its CDPs go to the pictures by time code");
+    auto* scc = sub->add_option("--scc", o->sccFile,
+                                "SCC file: its CEA-608 pairs go to the pictures by time code (with --extract: "
+                                "written with the field-1 pairs)");
+    auto* mcc = sub->add_option("--mcc", o->mccFile,
+                                "MCC file: its CDPs go to the pictures by time code (with --extract: written "
+                                "with one CDP per picture)");
     sub->add_option("--start", o->start,
-                    "time code of the first picture in display order, for --scc and --mcc (default 00:00:00:00)");
+                    "time code of the first picture in display order, for --scc, --mcc and --extract (default "
+                    "00:00:00:00; with --extract at 29.97 and 59.94, ':' before the frames counts non-drop-frame)");
     cdp->excludes(text)->excludes(scc)->excludes(mcc);
     text->excludes(scc)->excludes(mcc);
-    scc->excludes(mcc);
     sub->add_option("--codec", o->codec, "h264, hevc or mpeg2 (detected when not given)")
         ->check(CLI::IsMember({"h264", "hevc", "mpeg2"}));
     auto* rate = sub->add_option("--rate", o->rate,
                     "frames per second as a whole number (29 for 29.97): limits the HEVC caption bytes and sets "
                     "the generated CDPs' frame rate (default with --scc: 29; with --mcc: the file's Time Code Rate)")
         ->capture_default_str();
-    sub->callback([o, cdp, text, scc, mcc, rate] {
+    extract->excludes(cdp)->excludes(text);
+    sub->callback([o, cdp, text, scc, mcc, rate, srt, vtt] {
+        o->rateGiven = rate->count() != 0;
+        if (o->extract) {
+            if (!o->out.empty()) throw Error("captions --extract: no OUT stream; give the files with --scc, --mcc, --srt, --vtt");
+            runExtract(*o);
+            return;
+        }
+        if (srt->count() + vtt->count() != 0) throw Error("captions: --srt and --vtt go with --extract");
+        if (o->out.empty()) throw Error("captions: give the OUT stream");
         if (cdp->count() + text->count() + scc->count() + mcc->count() == 0)
             throw Error("captions: give --cdp FILE, --608-text TEXT, --scc FILE or --mcc FILE");
-        o->rateGiven = rate->count() != 0;
+        if (scc->count() != 0 && mcc->count() != 0) throw Error("captions: give --scc or --mcc, not both");
         runCaptions(*o);
     });
 });
