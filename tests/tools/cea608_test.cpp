@@ -108,14 +108,14 @@ TEST(Cea608, CaptionsRunFromTheirCommandToTheNextChange) {
          {RCL, PAC15, chars('A'), EOC, RCL, ENM, PAC15, chars('B'), EOC, pad},
          {{3, 8, "A"}, {8, 10, "B"}}},
         {"pop-on still shown at the end", {RCL, PAC15, chars('A'), EOC, pad}, {{3, 5, "A"}}},
-        {"roll-up: each CR", {RU2, PAC15, chars('A'), CR, chars('B'), CR, EDM},
-         {{3, 5, "A"}, {5, 6, "B"}}},
-        {"roll-up 3: rows build up", {RU3, PAC15, chars('A'), CR, chars('B'), CR, EDM},
-         {{3, 5, "A"}, {5, 6, "A\nB"}}},
-        {"paint-on: at the next control code", {RDC, PAC15, chars('A'), pad, PAC14, chars('B'), EDM},
-         {{4, 6, "A"}}},
+        {"roll-up: rows as they stood at each CR", {EDM, RU2, PAC15, chars('A'), CR, chars('B'), CR, EDM},
+         {{0, 4, "A"}, {4, 6, "A\nB"}, {6, 7, "B"}}},
+        {"roll-up 3 keeps the rows", {RU3, PAC15, chars('A'), CR, chars('B'), CR, EDM},
+         {{0, 3, "A"}, {3, 5, "A\nB"}, {5, 6, "A\nB"}}},
+        {"paint-on: shown until EDM", {EDM, RDC, PAC15, chars('A'), pad, PAC14, chars('B'), EDM},
+         {{0, 7, "B\nA"}}},
         {"entering roll-up ends a pop-on caption", {RCL, PAC15, chars('A'), EOC, RU2, PAC15, chars('B'), CR},
-         {{3, 4, "A"}, {7, 8, "B"}}},
+         {{3, 4, "A"}, {4, 7, "B"}, {7, 8, "B"}}},
     };
     for (const Case& c : cases) {
         const Decoded run = decode(c.steps);

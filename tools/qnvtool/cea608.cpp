@@ -103,8 +103,6 @@ void Decoder::pair(int64_t time, uint8_t b1, uint8_t b2) {
 void Decoder::control(int64_t time, uint8_t c1, uint8_t c2) {
     channelOne_ = (c1 & 0x08) == 0;
     if (!channelOne_) return;
-    // Painted characters become a caption at the next control code.
-    if (mode_ == Mode::kPaintOn && pending_) commit(time);
     const uint8_t group = c1 & 0x07;
     if (c2 >= 0x40) {  // preamble address code
         int row = kPacRow[group];
@@ -151,7 +149,6 @@ void Decoder::control(int64_t time, uint8_t c1, uint8_t c2) {
 void Decoder::command(int64_t time, uint8_t code) {
     switch (code) {
         case kRcl:
-            if (mode_ == Mode::kRollUp || mode_ == Mode::kPaintOn) commit(time);
             mode_ = Mode::kPopOn;
             break;
         case kRdc:
@@ -163,10 +160,9 @@ void Decoder::command(int64_t time, uint8_t code) {
             const int rows = code - kRu2 + 2;
             if (mode_ != Mode::kRollUp) {
                 // Entering roll-up erases both memories (CEA-608 B.5).
+                if (!shown().empty()) change(time);
                 clear(memory_[0]);
                 clear(memory_[1]);
-                pending_ = true;
-                commit(time);
                 baseRow_ = kRows - 1;
                 row_ = baseRow_;
                 column_ = 0;
@@ -185,38 +181,33 @@ void Decoder::command(int64_t time, uint8_t code) {
             if (mode_ == Mode::kNone || mode_ == Mode::kText) break;
             if (column_ > 0) --column_;
             target()[row_][column_] = 0;
-            pending_ = pending_ || mode_ != Mode::kPopOn;
             break;
         case kDer:
             if (mode_ == Mode::kNone || mode_ == Mode::kText) break;
             for (int c = column_; c < kColumns; ++c) target()[row_][c] = 0;
-            pending_ = pending_ || mode_ != Mode::kPopOn;
             break;
         case kEdm:
+            change(time);
             clear(memory_[displayed_]);
-            pending_ = true;
-            commit(time);
             break;
         case kEnm:
             clear(memory_[1 - displayed_]);
             break;
         case kEoc:
+            change(time);
             displayed_ = 1 - displayed_;
             mode_ = Mode::kPopOn;
-            pending_ = true;
-            commit(time);
             break;
         case kCr:
             if (mode_ != Mode::kRollUp) break;
             {
+                change(time);
                 Memory& m = memory_[displayed_];
                 const int top = baseRow_ - rollRows_ + 1;
                 for (int r = (top > 0 ? top : 0); r < baseRow_; ++r)
                     for (int c = 0; c < kColumns; ++c) m[r][c] = m[r + 1][c];
                 clearRow(m, baseRow_);
                 column_ = 0;
-                pending_ = true;
-                commit(time);
             }
             break;
         default:  // AOF, AON, FON: nothing to show
@@ -227,7 +218,6 @@ void Decoder::command(int64_t time, uint8_t code) {
 void Decoder::character(char32_t c) {
     target()[row_][column_] = c;
     if (column_ < kColumns - 1) ++column_;
-    if (mode_ != Mode::kPopOn) pending_ = true;
 }
 
 void Decoder::replaceLast(char32_t c) {
@@ -250,27 +240,13 @@ std::string Decoder::shown() const {
     return text;
 }
 
-void Decoder::commit(int64_t time) {
-    if (!pending_) return;
-    pending_ = false;
-    std::string text = shown();
-    if (text == open_.text) return;
-    if (!open_.text.empty()) {
-        open_.end = time;
-        if (open_.end > open_.start) sink_(open_);
-    }
-    open_.start = time;
-    open_.text = std::move(text);
+void Decoder::change(int64_t time) {
+    const std::string text = shown();
+    if (!text.empty() && time > since_) sink_(Cue{since_, time, text});
+    since_ = time;
 }
 
-void Decoder::finish(int64_t time) {
-    commit(time);
-    if (!open_.text.empty()) {
-        open_.end = time;
-        if (open_.end > open_.start) sink_(open_);
-        open_.text.clear();
-    }
-}
+void Decoder::finish(int64_t time) { change(time); }
 
 // ---- SubRip and WebVTT ----------------------------------------------------------
 

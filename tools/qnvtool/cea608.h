@@ -19,10 +19,13 @@
 // codes sent twice in a row act once. Codes for data channel 2 switch the
 // characters that follow them to that channel, which is not shown.
 //
-// Captions: a caption starts with the picture at which the text on screen
-// becomes it (EOC for pop-on, CR for roll-up, the next control code after
-// painted characters) and ends with the picture at which the screen
-// changes again (EOC, EDM, CR, ...) or at the end of the stream.
+// Captions: the screen changes at EOC and EDM, at CR in roll-up mode, and
+// when roll-up mode begins with text on screen. Each change ends a caption
+// that holds the text on screen just before it and began at the change
+// before (for roll-up and paint-on text, which is drawn as it comes, the
+// caption shows the rows as they stood when the change came). So a pop-on
+// caption runs from its EOC picture to the picture of the EOC or EDM that
+// removes it. The end of the stream ends the last caption.
 #ifndef QNVTOOL_CEA608_H
 #define QNVTOOL_CEA608_H
 
@@ -61,7 +64,8 @@ private:
     void command(int64_t time, uint8_t code);
     void character(char32_t c);
     void replaceLast(char32_t c);
-    void commit(int64_t time);
+    // The screen changes at `time`: the caption of the text shown until then ends.
+    void change(int64_t time);
     Memory& target() { return mode_ == Mode::kPopOn ? memory_[1 - displayed_] : memory_[displayed_]; }
     static void clear(Memory& m);
     void clearRow(Memory& m, int row);
@@ -74,8 +78,7 @@ private:
     int row_ = kRows - 1, column_ = 0;
     bool channelOne_ = true;   // characters go to CC1
     uint16_t lastControl_ = 0;  // the pair just before, when it was a control code
-    bool pending_ = false;      // displayed memory changed since the last commit
-    Cue open_;                  // the caption on screen, when its text is not empty
+    int64_t since_ = 0;         // the last change
 };
 
 // SubRip or WebVTT text of cues, written as they come.
