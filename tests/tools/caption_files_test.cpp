@@ -117,6 +117,39 @@ TEST(SccRead, MalformedLinesNameTheirLine) {
     for (const auto& [text, message] : cases) expectError([&] { readScc(text, "in.scc"); }, message, text);
 }
 
+TEST(SccMapping, PicturesAcrossADropFrameMinute) {
+    // The stream's first picture is 00:00:59;28; pictures come in decoding
+    // order (ranks 0 4 2 1 3 ...), each looked up at start + rank.
+    const SccFile f = readScc(
+        "Scenarist_SCC V1.0\n\n00:00:59;29\t9420 9452 9454\n\n00:01:00;03\t942f\n\n00:01:00;06\t942c 942c\n", "in.scc");
+    uint32_t start = 0;
+    ASSERT_TRUE(parseLabel("00:00:59;28", f.counting, start));
+    const SccCursor cursor(f, start);
+    const std::pair<int64_t, int> ranks[] = {{0, -1}, {4, 0x942F}, {2, 0x9452}, {1, 0x9420}, {3, 0x9454},
+                                             {5, -1}, {6, 0x942C}, {7, 0x942C}, {8, -1}};
+    for (const auto& [rank, word] : ranks) {
+        const SccPair* p = cursor.at(start + uint32_t(rank));
+        EXPECT_EQ(p ? p->b1 << 8 | p->b2 : -1, word) << "rank " << rank;
+    }
+    // 00:01:00;03 queued behind the first line's last pair, to ;04.
+    EXPECT_EQ(f.queued, 1u);
+    // A stream of six pictures ends at 00:01:00;06: the last line is
+    // outside it; one of seven cuts the queue of a line inside it.
+    SccCursor::Leftover l = cursor.leftover(start + 6);
+    EXPECT_EQ(l.after, 2u);
+    EXPECT_EQ(l.queuePastEnd, 0u);
+    EXPECT_TRUE(l.labelInside);
+    l = cursor.leftover(start + 7);
+    EXPECT_EQ(l.after, 1u);
+    EXPECT_EQ(l.queuePastEnd, 1u);
+    // --start after every label.
+    uint32_t late = 0;
+    ASSERT_TRUE(parseLabel("00:02:00;02", f.counting, late));
+    l = SccCursor(f, late).leftover(late + 30);
+    EXPECT_FALSE(l.labelInside);
+    EXPECT_EQ(l.before, 6u);
+}
+
 // A temporary output file read back whole.
 class TempOutput {
 public:
