@@ -18,8 +18,9 @@
 //
 // --scc: the CEA-608 pairs of an SCC file (caption_files.h) on CC1's field,
 // one per picture, by time code: the picture displayed i-th has the time
-// code --start + i (default 00:00:00:00), counted drop-frame when the
-// labels are. Each picture gets a CDP built after SMPTE 334-2 (cdp.h) with
+// code --start + i, counted drop-frame when the labels are. Without
+// --start, the first picture's time code is the stream's own (an H.264
+// pic_timing or HEVC time_code SEI, stream_timecode.h), else 00:00:00:00. Each picture gets a CDP built after SMPTE 334-2 (cdp.h) with
 // the rate's cc_count: its pair, or padding.
 //
 // --mcc: the CDPs of an MCC file as they are, by time code, counted at the
@@ -46,6 +47,7 @@
 #include "tools/qnvtool/annexb.h"
 #include "tools/qnvtool/picture_order.h"
 #include "tools/qnvtool/stream_io.h"
+#include "tools/qnvtool/stream_timecode.h"
 #include "tools/qnvtool/tool.h"
 #include "tools/qnvtool/unit_reader.h"
 
@@ -194,6 +196,7 @@ public:
                             " is not 29 (29.97) or 30");
             rateCode_ = cdpRate(rate_, "--scc");
             start_ = startCount(o.start, "--scc");
+            startGiven_ = !o.start.empty();
             sccCursor_.emplace(scc_, start_);
         } else if (!o.mccFile.empty()) {
             const std::vector<uint8_t> text = readFile(o.mccFile);
@@ -207,6 +210,7 @@ public:
                 throw Error("--mcc: the file's Time Code Rate " + std::string(mcc_.rate->text) +
                             " does not count at --rate " + std::to_string(rate_));
             start_ = startCount(o.start, "--mcc");
+            startGiven_ = !o.start.empty();
         } else if (o.text.empty()) {
             packets_ = readCaptionPackets(o.cdpFile);
             for (size_t i = 0; i < packets_.size(); ++i) validate(packets_[i], "caption packet " + std::to_string(i));
@@ -218,6 +222,21 @@ public:
     }
     uint32_t lookahead() const { return pairs_.empty() ? 0 : kTail; }
     uint32_t rate() const { return rate_; }
+    // SCC and MCC files without --start: the stream's own time code, read
+    // from the picture displayed `rank`-th, gives the first picture's.
+    bool wantsStart() const { return (sccCursor_ || mcc_.rate) && !startGiven_; }
+    void startKnown() { startGiven_ = true; }
+    void startFrom(const PictureTimeCode& tc, int64_t rank) {
+        uint32_t count = 0;
+        if (!captions::labelToCount(counting_, tc.hours, tc.minutes, tc.seconds, tc.frames, count) || count < rank) {
+            warn("the stream's time code " + std::to_string(tc.hours) + ":" + std::to_string(tc.minutes) + ":" +
+                 std::to_string(tc.seconds) + ":" + std::to_string(tc.frames) +
+                 " does not count as the caption file does; starting at 00:00:00:00");
+            return;
+        }
+        start_ = count - static_cast<uint32_t>(rank);
+        if (sccCursor_) sccCursor_.emplace(scc_, start_);
+    }
 
     // The packet of the picture displayed `rank`-th; `total` is the number
     // of displayed pictures once known (else -1).
@@ -322,6 +341,7 @@ private:
     // picture's count.
     captions::Counting counting_;
     uint32_t start_ = 0;
+    bool startGiven_ = false;
     captions::SccFile scc_;
     std::optional<captions::SccCursor> sccCursor_;
     uint64_t placed_ = 0;
@@ -352,6 +372,12 @@ void runCaptions(const CaptionsOptions& o) {
         if (rank < 0) {
             out.write(*au);
             continue;
+        }
+        if (source.wantsStart()) {
+            PictureTimeCode tc;
+            if (pictureTimeCode(*au, codec, aus.splitter(), tc))
+                source.startFrom(tc, rank);
+            source.startKnown();
         }
         const Packet& packet = source.packet(rank, units.ended() ? units.ranked() : -1);
         if (packet.empty()) {
@@ -411,7 +437,8 @@ void runCaptions(const CaptionsOptions& o) {
 //
 // Finds the cc_data of every picture (qnvutilFindCaptions) and takes the
 // pictures in display order: the picture displayed i-th has the time code
-// --start + i and the time i / rate. SCC: its field-1 pair at its time
+// --start + i (without --start: counted from the stream's own time code,
+// as for insertion) and the time i / rate. SCC: its field-1 pair at its time
 // code, padding left out. MCC: one CDP per picture on a line with the
 // picture's time code, rebuilt with the rate's cc_count (DTVCC padding
 // added when the picture carried fewer triplets, or none) and without a
@@ -433,12 +460,15 @@ struct PictureClock {
     }
 };
 
-PictureClock pictureClock(const CaptionsOptions& o) {
+// `stream`: the time code of the picture displayed `rank`-th, when the
+// stream carries one and --start is not given.
+PictureClock pictureClock(const CaptionsOptions& o, const PictureTimeCode* stream, int64_t rank) {
     PictureClock c;
     c.rate = o.rateGiven ? o.rate : 29;
-    // Drop-frame counting at 29.97 and 59.94 unless --start says ':'.
+    // Drop-frame counting at 29.97 and 59.94 unless --start says ':' (or
+    // the stream's time code says non-drop-frame).
     const bool fractional = c.rate == 29 || c.rate == 59;
-    const bool drop = fractional && (o.start.empty() || o.start.find(';') != std::string::npos);
+    const bool drop = fractional && (stream ? stream->dropFrame : o.start.empty() || o.start.find(';') != std::string::npos);
     for (const captions::MccRate& r : captions::kMccRates)
         if (r.wholeRate == (c.rate == 23 ? 24 : c.rate) && (r.counting.dropped != 0) == drop) c.mccRate = &r;
     if (c.rate == 29 && !drop) c.mccRate = &captions::kMccRates[2];  // "30"
@@ -448,6 +478,10 @@ PictureClock pictureClock(const CaptionsOptions& o) {
     c.separator = drop ? ';' : ':';
     if (!o.start.empty() && !captions::parseLabel(o.start, c.counting, c.start))
         throw Error("--start '" + printable(o.start) + "' is not a time code at --rate " + std::to_string(c.rate));
+    uint32_t count = 0;
+    if (stream && captions::labelToCount(c.counting, stream->hours, stream->minutes, stream->seconds, stream->frames,
+                                         count) && count >= rank)
+        c.start = count - static_cast<uint32_t>(rank);
     return c;
 }
 
@@ -554,7 +588,7 @@ private:
 void runExtract(const CaptionsOptions& o) {
     if (o.sccFile.empty() && o.mccFile.empty() && o.srtFile.empty() && o.vttFile.empty())
         throw Error("--extract: give at least one of --scc, --mcc, --srt, --vtt");
-    const PictureClock clock = pictureClock(o);
+    pictureClock(o, nullptr, 0);  // the options checked before anything is read
     InputStream in(o.in);
     UnitReader reader(in);
     const VideoCodec codec = resolveCodec(streamHead(reader), o.codec, in.name());
@@ -563,7 +597,9 @@ void runExtract(const CaptionsOptions& o) {
                                                        : QNV_CC_FORM_MPEG2;
     AccessUnitReader aus(reader, codec);
     RankedUnits units(aus, codec, 0);
-    CaptionOutputs outputs(o, clock);
+    // The outputs open at the first picture, once its time code is known.
+    PictureClock clock;
+    std::optional<CaptionOutputs> outputs;
 
     // Pictures come in decoding order; their captions wait here, by rank,
     // until every picture displayed before them has come (as many as the
@@ -576,6 +612,13 @@ void runExtract(const CaptionsOptions& o) {
     uint64_t offset;
     while (units.next(au, rank, offset)) {
         if (rank < 0) continue;
+        if (!outputs) {
+            PictureTimeCode tc;
+            const bool carried = o.start.empty() &&
+                                 pictureTimeCode(*au, codec, aus.splitter(), tc);
+            clock = pictureClock(o, carried ? &tc : nullptr, rank);
+            outputs.emplace(o, clock);
+        }
         // guard: a rank behind the ones handed out, or too far ahead, is a
         // broken order; it is refused rather than held.
         if (rank < next || rank - next > 4096)
@@ -590,13 +633,13 @@ void runExtract(const CaptionsOptions& o) {
             std::copy(record.cc_data, record.cc_data + f.count, f.words);
         }
         while (!waiting.empty() && waiting.front().known) {
-            outputs.picture(next++, waiting.front());
+            outputs->picture(next++, waiting.front());
             waiting.pop_front();
         }
     }
-    if (units.units() == 0) throw Error(in.name() + ": no access units");
+    if (units.units() == 0 || !outputs) throw Error(in.name() + ": no pictures");
     if (!waiting.empty()) throw Error(in.name() + ": pictures missing from the display order");
-    const std::string note = outputs.finish(next);
+    const std::string note = outputs->finish(next);
     const bool pipe = o.sccFile == "-" || o.mccFile == "-" || o.srtFile == "-" || o.vttFile == "-";
     clearProgressLine();
     std::fprintf(pipe ? stderr : stdout, "%llu access units, %s; %s\n", static_cast<unsigned long long>(units.units()),

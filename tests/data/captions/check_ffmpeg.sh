@@ -13,7 +13,9 @@
 #   - ffmpeg's scc and mcc demuxers read the extracted SCC and MCC files
 #     and find the same caption text in them;
 #   - the extracted MCC file goes into the bare stream with --mcc and gives
-#     the same pairs back.
+#     the same pairs back;
+#   - a stream that carries its own time codes (qnvtool timecode: H.264
+#     pic_timing, HEVC time_code) needs no --start either way.
 set -eu
 qnvtool=$1
 data=$(cd "$(dirname "$0")" && pwd)
@@ -70,5 +72,12 @@ for stream in h264.264 hevc.265; do
     "$qnvtool" captions --extract "$work/m-$stream" --start "$start" --scc "$work/m.scc" >/dev/null
     grep . "$work/m.scc" >"$work/m-got.scc"
     cmp -s "$work/want.scc" "$work/m-got.scc" || fail "$stream: pairs after the MCC round trip differ"
+
+    "$qnvtool" timecode "$data/$stream" "$work/tc-$stream" --start "$start" --rate 30000/1001 >/dev/null
+    "$qnvtool" captions "$work/tc-$stream" "$work/tccc-$stream" --scc "$data/captions.scc" >/dev/null 2>&1 ||
+        fail "$stream: insertion by the stream's time codes failed"
+    "$qnvtool" captions --extract "$work/tccc-$stream" --scc "$work/t.scc" >/dev/null
+    grep . "$work/t.scc" >"$work/t-got.scc"
+    cmp -s "$work/want.scc" "$work/t-got.scc" || fail "$stream: pairs placed by the stream's time codes differ"
 done
 echo "ffmpeg caption file check passed"
