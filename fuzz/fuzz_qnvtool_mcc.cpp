@@ -21,7 +21,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     } catch (const Error&) {
     }
 
-    const std::string letters = captions::mccEncode(data, size);
+    std::string letters;
+    captions::mccEncode(data, size, letters);
     std::vector<uint8_t> back;
     size_t column = 0;
     if (!captions::mccDecode(letters, back, column) || back != std::vector<uint8_t>(data, data + size)) std::abort();

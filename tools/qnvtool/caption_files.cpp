@@ -268,8 +268,7 @@ const MccRate kMccRates[7] = {
     {"50", {50, 0}, 50}, {"60", {60, 0}, 60}, {"60DF", {60, 4}, 59},
 };
 
-std::string mccEncode(const uint8_t* bytes, size_t size) {
-    std::string out;
+void mccEncode(const uint8_t* bytes, size_t size, std::string& out) {
     size_t i = 0;
     while (i < size) {
         uint32_t run = 0;
@@ -293,7 +292,6 @@ std::string mccEncode(const uint8_t* bytes, size_t size) {
         out += kHexUpper[bytes[i] & 15];
         ++i;
     }
-    return out;
 }
 
 bool mccDecode(std::string_view text, std::vector<uint8_t>& bytes, size_t& badColumn) {
@@ -434,7 +432,7 @@ void MccWriter::add(uint32_t frame, const uint8_t* cdpBytes, size_t size) {
     // ':' before the frames for every rate: the rate line says drop-frame.
     line_ = labelText(rate_.counting, frame, ':');
     line_ += '\t';
-    line_ += mccEncode(anc_.data(), anc_.size());
+    mccEncode(anc_.data(), anc_.size(), line_);
     line_ += '\n';
     out_.write(reinterpret_cast<const uint8_t*>(line_.data()), line_.size());
     ++packets_;

@@ -150,9 +150,9 @@ struct MccFile {
 // "<name>:<line>: <what>" on the first malformed line.
 MccFile readMcc(std::string_view text, const std::string& name);
 
-// The letters of the MCC hex form: `bytes` as hex pairs with the runs the
-// letters stand for replaced.
-std::string mccEncode(const uint8_t* bytes, size_t size);
+// The letters of the MCC hex form, appended to `out`: `bytes` as hex pairs
+// with the runs the letters stand for replaced.
+void mccEncode(const uint8_t* bytes, size_t size, std::string& out);
 // The bytes of a line's data; false on a character that is neither a hex
 // pair nor a letter.
 bool mccDecode(std::string_view text, std::vector<uint8_t>& bytes, size_t& badColumn);

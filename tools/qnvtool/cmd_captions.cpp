@@ -35,7 +35,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <deque>
 #include <optional>
 
 #include "qnvutil/sei.h"
@@ -603,9 +602,11 @@ void runExtract(const CaptionsOptions& o) {
 
     // Pictures come in decoding order; their captions wait here, by rank,
     // until every picture displayed before them has come (as many as the
-    // stream's reorder depth).
-    std::deque<FoundCaptions> waiting;
+    // stream's reorder depth): a ring whose head holds the rank `next`.
+    std::vector<FoundCaptions> ring(16);
+    size_t head = 0;
     int64_t next = 0;  // the rank handed to the outputs next
+    size_t waiting = 0;
     CaptionDataRecord record;
     const std::vector<uint8_t>* au;
     int64_t rank;
@@ -614,8 +615,7 @@ void runExtract(const CaptionsOptions& o) {
         if (rank < 0) continue;
         if (!outputs) {
             PictureTimeCode tc;
-            const bool carried = o.start.empty() &&
-                                 pictureTimeCode(*au, codec, aus.splitter(), tc);
+            const bool carried = o.start.empty() && pictureTimeCode(*au, codec, aus.splitter(), tc);
             clock = pictureClock(o, carried ? &tc : nullptr, rank);
             outputs.emplace(o, clock);
         }
@@ -624,21 +624,29 @@ void runExtract(const CaptionsOptions& o) {
         if (rank < next || rank - next > 4096)
             throw Error(in.name() + ": picture order broken at offset " + std::to_string(offset));
         const size_t slot = static_cast<size_t>(rank - next);
-        if (waiting.size() <= slot) waiting.resize(slot + 1);
-        FoundCaptions& f = waiting[slot];
+        if (slot >= ring.size()) {
+            std::vector<FoundCaptions> wider(2 * (slot + 1));
+            for (size_t i = 0; i < ring.size(); ++i) wider[i] = ring[(head + i) % ring.size()];
+            ring.swap(wider);
+            head = 0;
+        }
+        FoundCaptions& f = ring[(head + slot) % ring.size()];
         f.known = true;
         f.count = 0;
+        ++waiting;
         if (qnvutilFindCaptions(au->data(), static_cast<uint32_t>(au->size()), form, 0, &record) == 0) {
             f.count = record.tripletCount < QNV_CC_MAX_TRIPLETS ? record.tripletCount : QNV_CC_MAX_TRIPLETS;
             std::copy(record.cc_data, record.cc_data + f.count, f.words);
         }
-        while (!waiting.empty() && waiting.front().known) {
-            outputs->picture(next++, waiting.front());
-            waiting.pop_front();
+        while (ring[head].known) {
+            outputs->picture(next++, ring[head]);
+            ring[head].known = false;
+            head = (head + 1) % ring.size();
+            --waiting;
         }
     }
     if (units.units() == 0 || !outputs) throw Error(in.name() + ": no pictures");
-    if (!waiting.empty()) throw Error(in.name() + ": pictures missing from the display order");
+    if (waiting != 0) throw Error(in.name() + ": pictures missing from the display order");
     const std::string note = outputs->finish(next);
     const bool pipe = o.sccFile == "-" || o.mccFile == "-" || o.srtFile == "-" || o.vttFile == "-";
     clearProgressLine();
