@@ -136,6 +136,7 @@ void Decoder::control(int64_t time, uint8_t c1, uint8_t c2) {
     if (mode_ == Mode::kNone || mode_ == Mode::kText) return;
     if (group == 7 && c2 >= 0x21 && c2 <= 0x23) {  // tab offsets
         column_ += c2 - 0x20;
+        // guard: the cursor stays in the row's last column
         if (column_ >= kColumns) column_ = kColumns - 1;
     } else if (group == 1 && c2 >= 0x20 && c2 <= 0x2F) {  // mid-row code: one cell, a space
         character(U' ');
@@ -217,6 +218,7 @@ void Decoder::command(int64_t time, uint8_t code) {
 
 void Decoder::character(char32_t c) {
     target()[row_][column_] = c;
+    // guard: characters past the last column overwrite it
     if (column_ < kColumns - 1) ++column_;
 }
 

@@ -204,8 +204,8 @@ public:
             mccName_ = o.mccFile;
             counting_ = mcc_.rate->counting;
             rate_ = o.rateGiven ? o.rate : mcc_.rate->wholeRate;
-            if (captions::Counting{rate_ == 29 ? 30u : rate_ == 59 ? 60u : rate_ == 23 ? 24u : rate_, 0}.perSecond !=
-                counting_.perSecond)
+            const uint32_t perSecond = rate_ == 29 ? 30 : rate_ == 59 ? 60 : rate_ == 23 ? 24 : rate_;
+            if (perSecond != counting_.perSecond)
                 throw Error("--mcc: the file's Time Code Rate " + std::string(mcc_.rate->text) +
                             " does not count at --rate " + std::to_string(rate_));
             start_ = startCount(o.start, "--mcc");
@@ -496,9 +496,6 @@ class CaptionOutputs {
 public:
     CaptionOutputs(const CaptionsOptions& o, const PictureClock& clock) : clock_(clock) {
         if (!o.sccFile.empty()) {
-            if (clock.counting.perSecond != 30)
-                throw Error("--scc: SCC time codes count 30 frames a second; --rate " + std::to_string(clock.rate) +
-                            " is not 29 (29.97) or 30");
             sccOut_.emplace(o.sccFile);
             scc_.emplace(*sccOut_, clock.counting.dropped != 0);
         }
@@ -587,7 +584,10 @@ private:
 void runExtract(const CaptionsOptions& o) {
     if (o.sccFile.empty() && o.mccFile.empty() && o.srtFile.empty() && o.vttFile.empty())
         throw Error("--extract: give at least one of --scc, --mcc, --srt, --vtt");
-    pictureClock(o, nullptr, 0);  // the options checked before anything is read
+    // The options checked before anything is read.
+    if (pictureClock(o, nullptr, 0).counting.perSecond != 30 && !o.sccFile.empty())
+        throw Error("--scc: SCC time codes count 30 frames a second; --rate " + std::to_string(o.rate) +
+                    " is not 29 (29.97) or 30");
     InputStream in(o.in);
     UnitReader reader(in);
     const VideoCodec codec = resolveCodec(streamHead(reader), o.codec, in.name());
