@@ -15,7 +15,9 @@
 #   - the extracted MCC file goes into the bare stream with --mcc and gives
 #     the same pairs back;
 #   - a stream that carries its own time codes (qnvtool timecode: H.264
-#     pic_timing, HEVC time_code) needs no --start either way.
+#     pic_timing, HEVC time_code) needs no --start either way;
+#   - in MPEG-2 (user data in front of each picture's headers) the pairs come
+#     back too, and the stream decodes cleanly.
 set -eu
 qnvtool=$1
 data=$(cd "$(dirname "$0")" && pwd)
@@ -80,4 +82,12 @@ for stream in h264.264 hevc.265; do
     grep . "$work/t.scc" >"$work/t-got.scc"
     cmp -s "$work/want.scc" "$work/t-got.scc" || fail "$stream: pairs placed by the stream's time codes differ"
 done
+out=$work/cc.m2v
+"$qnvtool" captions "$data/mpeg2.m2v" "$out" --scc "$data/captions.scc" --start "$start" >/dev/null ||
+    fail "mpeg2: insertion failed"
+errors=$(ffmpeg -nostdin -v error -i "$out" -f null - 2>&1) || fail "$out: ffmpeg failed: $errors"
+[ -z "$errors" ] || fail "$out: decoding errors: $errors"
+"$qnvtool" captions --extract "$out" --start "$start" --scc "$work/p.scc" >/dev/null
+grep . "$work/p.scc" >"$work/p-got.scc"
+cmp -s "$work/want.scc" "$work/p-got.scc" || fail "mpeg2: extracted SCC differs: $(diff "$work/want.scc" "$work/p-got.scc")"
 echo "ffmpeg caption file check passed"

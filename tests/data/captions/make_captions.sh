@@ -9,6 +9,7 @@
 #   h264.264      150 frames of a 64x64 test pattern at 29.97 fps, x264 with
 #                 its default settings
 #   hevc.265      the same frames, x265 with its default settings
+#   mpeg2.m2v     the same frames, ffmpeg's mpeg2video
 # The streams' first picture is taken as 00:00:58;00.
 set -eu
 cd "$(dirname "$0")"
@@ -61,3 +62,4 @@ TM=$(twice 0x11 0x34)     # trade mark sign
 src() { ffmpeg -v error -f lavfi -i testsrc=size=64x64:rate=30000/1001 -frames:v 150 -pix_fmt yuv420p -f yuv4mpegpipe -; }
 src | x264 --demuxer y4m --quiet --output h264.264 - 2>/dev/null
 src | x265 --input - --y4m --no-info --no-progress --log-level error --output hevc.265
+src | ffmpeg -v error -f yuv4mpegpipe -i - -c:v mpeg2video -q:v 12 -f mpeg2video -y mpeg2.m2v
