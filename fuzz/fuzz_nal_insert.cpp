@@ -10,20 +10,9 @@
 #include <cstring>
 #include <vector>
 
+#include "fuzz/fuzz_guard.h"
 #include "qnvutil/h264.h"
 #include "qnvutil/qxutil.h"
-
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#include <sanitizer/asan_interface.h>
-#define GUARD_POISON(p, n) ASAN_POISON_MEMORY_REGION(p, n)
-#define GUARD_UNPOISON(p, n) ASAN_UNPOISON_MEMORY_REGION(p, n)
-#endif
-#endif
-#ifndef GUARD_POISON
-#define GUARD_POISON(p, n) ((void)(p), (void)(n))
-#define GUARD_UNPOISON(p, n) ((void)(p), (void)(n))
-#endif
 
 namespace {
 

@@ -42,7 +42,7 @@ bool forEachSeiMessage(Codec codec, const uint8_t* unit, uint32_t size, Visit vi
     return size <= kSeiInspectBytes && bytes > 0 && bb.bitPos / 8 + 1 == bytes && copy[bytes - 1] == 0x80;
 }
 
-// ATSC A/53 Part 4 user data announcing cc_data: user_identifier "GA94"
+// ATSC A/53-4 user data announcing cc_data: user_identifier "GA94"
 // and user_data_type_code 3, as MPEG-2 user_data() carries it behind its
 // start code. True with the reader at cc_data()'s flag byte.
 inline bool readAtscCaptionIdentifier(BitBuffer* payload) {

@@ -99,8 +99,11 @@ QNV_API int32_t qnvutilAddHEVCTimeCode(DFrame* frame, uint32_t tcType);
    frame's units carry four-byte big-endian sizes; zero: Annex B start codes.
    Raises or lowers frameSize and frameBytesTotal by the change.
    0 on success; -1 when frame, its data or sps is null, frameSize exceeds
-   frameCapacity, sps has no pic_struct_present_flag or picStruct is above 8;
-   -102 when the frame has no room (reported through ErrOut, frame unchanged). */
+   frameCapacity, sps has no pic_struct_present_flag, picStruct is above 8,
+   or a length-prefixed frame's unit runs past its end before any slice;
+   -102 when the frame has no room, or the SEI unit whose pic_timing is
+   replaced would grow past 1024 bytes (reported through ErrOut, frame
+   unchanged). */
 QNV_API int32_t qnvutilAddAVCTimeCode(DFrame* frame, uint32_t tcType, const H264SpsRecord* sps, uint32_t picStruct,
                                       int8_t lengthPrefixed);
 
@@ -115,7 +118,7 @@ QNV_API int32_t qnvutilAddAVCTimeCode(DFrame* frame, uint32_t tcType, const H264
 /* Triplets a record holds: every cc_count that 5 bits can announce. */
 #define QNV_CC_MAX_TRIPLETS 31
 
-/* The cc_data() of ATSC A/53 Part 4 (6.2.3, Table 6.4) found in a frame, one
+/* The cc_data() of ATSC A/53-4 (6.2.3, Table 6.4) found in a frame, one
    word per syntax element, and where it was found. */
 typedef struct CaptionDataRecord {
     uint32_t form;       /* QNV_CC_FORM_... */
@@ -155,7 +158,7 @@ QNV_STATIC_ASSERT(offsetof(CaptionDataRecord, cc_data) == 12 * 4, "CaptionDataRe
       unit;
     - QNV_CC_FORM_HEVC: the same in a prefix or suffix SEI unit (ITU-T H.265
       7.3.5, D.2.6);
-    - QNV_CC_FORM_MPEG2: in an ATSC user_data() block (ATSC A/53 Part 4
+    - QNV_CC_FORM_MPEG2: in an ATSC user_data() block (ATSC A/53-4
       6.2.2: 00 00 01 B2, "GA94", 3); lengthPrefixed is ignored.
    lengthPrefixed non-zero: the frame's units carry four-byte big-endian
    sizes; zero: Annex B start codes. SEI units are read with emulation

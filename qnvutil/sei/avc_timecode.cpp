@@ -71,6 +71,7 @@ uint32_t putMessage(uint8_t* rbsp, uint32_t n, uint32_t type, const uint8_t* pay
 }
 
 struct Place {
+    bool walked = true;    // false: a unit length ran past the frame's end before its first slice
     bool replace = false;  // carrier holds a pic_timing to replace
     nal::Unit carrier{};
     uint32_t insertAt = 0;  // else: where a new SEI unit goes
@@ -106,6 +107,7 @@ Place findPlace(const DFrame& f, nal::Framing framing, const h264::PicTimingLayo
             place.old = old;
         }
     }
+    place.walked = place.insertAt != f.frameSize || !walk.truncated();
     return place;
 }
 
@@ -143,6 +145,8 @@ int32_t addAvcTimeCode(DFrame& f, uint32_t tcType, const H264SpsRecord& sps, uin
     const h264::PicTimingLayout layout = h264::picTimingLayout(sps);
     if (!layout.picStruct || picStruct > kMaxPicStruct) return QNV_SEI_BAD_ARGUMENT;
     const Place place = findPlace(f, framing, layout);
+    // guard: a new unit behind bytes the walk could not take would join them
+    if (!place.walked) return QNV_SEI_BAD_ARGUMENT;
 
     h264::PicTiming timing{};
     if (place.replace) {
@@ -174,6 +178,11 @@ int32_t addAvcTimeCode(DFrame& f, uint32_t tcType, const H264SpsRecord& sps, uin
     }
     uint8_t block[kUnitBytes];
     const uint32_t escaped = nal::escape(rbsp, rbspSize, block + 4);
+    // guard: a unit grown past what is looked at would not be found again
+    if (place.replace && escaped > nal::kSeiInspectBytes) {
+        ErrOut("No room for time code SEI in DFrame %s %d", kVidUtilSource, __LINE__);
+        return QNV_SEI_NO_ROOM;
+    }
     if (framing == nal::Framing::kLengthPrefixed)
         nal::putBe32(block, escaped);
     else

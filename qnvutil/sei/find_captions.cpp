@@ -18,7 +18,7 @@ constexpr uint32_t kT35Payload = 4;
 // MPEG-2 user_data_start_code value.
 constexpr uint8_t kUserDataStartCode = 0xB2;
 
-// cc_data() (ATSC A/53 Part 4 Table 6.4) from its flag byte on, up to the
+// cc_data() (ATSC A/53-4 Table 6.4) from its flag byte on, up to the
 // reader's limit, which ends with the closing marker_bits byte.
 Found readCcData(BitBuffer* bb, CaptionDataRecord* r) {
     // guard: the flag byte and em_data must lie inside the payload

@@ -50,6 +50,20 @@ text_comes_back() {
     echo "$subtitles" | grep -q "}$text<" || fail "$1: caption text not decoded in order: $subtitles"
 }
 
+# 00:00:59;28 on, at 29.97 drop-frame: ;00 and ;01 of the minute are left out.
+drop_frame_minute="00:00:59;28 00:00:59;29$(for f in $(seq -w 2 29); do printf ' 00:01:00;%s' "$f"; done)"
+
+time_codes_are() {
+    got=$(ffprobe -v error -show_frames "$1" | sed -n 's/^value=//p' | tr '\n' ' ' | sed 's/ $//')
+    [ "$got" = "$2" ] || fail "$1: time codes: got '$got', expected '$2'"
+}
+
+same_pictures() {
+    ffmpeg -nostdin -v error -i "$1" -f framemd5 -y "$work/before.md5"
+    ffmpeg -nostdin -v error -i "$2" -f framemd5 -y "$work/after.md5"
+    cmp -s "$work/before.md5" "$work/after.md5" || fail "$2: pictures differ from $1"
+}
+
 case $mode in
 captions)
     for stream in h264.264 hevc.265 mpeg2.m2v; do
@@ -80,44 +94,25 @@ timecode)
     out=$work/tc.265
     "$qnvtool" timecode "$data/hevc.265" "$out" --start 00:00:59:28 --rate 30000/1001 >/dev/null
     decodes_cleanly "$out"
-    expected="00:00:59;28 00:00:59;29"
-    for f in 02 03 04 05 06 07 08 09 10 11 12 13 14 15 16 17 18 19 20 21 22 23 24 25 26 27 28 29; do
-        expected="$expected 00:01:00;$f"
-    done
-    got=$(ffprobe -v error -show_frames "$out" | sed -n 's/^value=//p' | tr '\n' ' ' | sed 's/ $//')
-    [ "$got" = "$expected" ] || fail "time codes: got '$got', expected '$expected'"
+    time_codes_are "$out" "$drop_frame_minute"
     ;;
 timecode-h264)
-    same_pictures() {
-        ffmpeg -nostdin -v error -i "$1" -f framemd5 -y "$work/before.md5"
-        ffmpeg -nostdin -v error -i "$2" -f framemd5 -y "$work/after.md5"
-        cmp -s "$work/before.md5" "$work/after.md5" || fail "$2: pictures differ from $1"
-    }
     out=$work/tc.264
     "$qnvtool" timecode "$data/h264.264" "$out" --start 00:00:59:28 --rate 30000/1001 >/dev/null
     decodes_cleanly "$out"
     same_pictures "$data/h264.264" "$out"
-    expected="00:00:59;28 00:00:59;29"
-    for f in 02 03 04 05 06 07 08 09 10 11 12 13 14 15 16 17 18 19 20 21 22 23 24 25 26 27 28 29; do
-        expected="$expected 00:01:00;$f"
-    done
-    got=$(ffprobe -v error -show_frames "$out" | sed -n 's/^value=//p' | tr '\n' ' ' | sed 's/ $//')
-    [ "$got" = "$expected" ] || fail "time codes: got '$got', expected '$expected'"
+    time_codes_are "$out" "$drop_frame_minute"
 
     out=$work/tc-hrd.264
     "$qnvtool" timecode "$data/h264hrd.264" "$out" --start 01:00:00:00 --rate 30000/1001 --ndf >/dev/null
     decodes_cleanly "$out"
     same_pictures "$data/h264hrd.264" "$out"
-    expected=""
-    for f in 00 01 02 03 04 05 06 07 08 09 10 11 12 13 14 15 16 17 18 19 20 21 22 23 24 25 26 27 28 29; do
-        expected="$expected 01:00:00:$f"
-    done
-    got=$(ffprobe -v error -show_frames "$out" | sed -n 's/^value=//p' | tr '\n' ' ' | sed 's/ $//')
-    [ "$got" = "${expected# }" ] || fail "time codes: got '$got', expected '${expected# }'"
+    time_codes_are "$out" "$(for f in $(seq -w 0 29); do printf '01:00:00:%s ' "$f"; done | sed 's/ $//')"
     delays() {
         ffmpeg -nostdin -i "$1" -c copy -bsf:v trace_headers -f null - 2>&1 |
             grep -E ' (cpb_removal_delay|dpb_output_delay) ' | sed 's/.* = //' | tr '\n' ' '
     }
+    [ -n "$(delays "$out")" ] || fail "$out: no CPB and DPB delays"
     [ "$(delays "$out")" = "$(delays "$data/h264hrd.264")" ] || fail "$out: CPB and DPB delays changed"
     n=$(ffmpeg -nostdin -i "$out" -c copy -bsf:v trace_headers -f null - 2>&1 | grep -c "Picture Timing" || true)
     [ "$n" = "$frames" ] || fail "$out: $n pic_timing messages, expected $frames"

@@ -208,6 +208,9 @@ TEST_F(AvcTimeCode, RefusalsLeaveTheFrameAlone) {
     f.frameCapacity += 1;
     EXPECT_EQ(qnvutilAddAVCTimeCode(&f, 4, &sps, 0, 0), 0);
     EXPECT_EQ(f.frameSize, frame.size() + 19);
+    // A length running past the end leaves no place to add a unit.
+    f = frameOver(buffer, {0, 0, 0, 9, 0x09, 0x10});
+    EXPECT_EQ(qnvutilAddAVCTimeCode(&f, 4, &sps, 0, 1), -1);
     // A frame without a slice takes the unit at its end.
     f = frameOver(buffer, kAud);
     EXPECT_EQ(qnvutilAddAVCTimeCode(&f, 4, &sps, 0, 0), 0);
