@@ -20,12 +20,17 @@
 // one per picture, by time code: the picture displayed i-th has the time
 // code --start + i, counted drop-frame when the labels are. Without
 // --start, the first picture's time code is the stream's own (an H.264
-// pic_timing or HEVC time_code SEI, stream_timecode.h), else 00:00:00:00. Each picture gets a CDP built after SMPTE 334-2 (cdp.h) with
-// the rate's cc_count: its pair, or padding.
+// pic_timing or HEVC time_code SEI, stream_timecode.h), else 00:00:00:00.
+// Each picture gets a CDP built after SMPTE 334-2 (cdp.h) with the rate's
+// cc_count: its pair, or padding. --rate defaults to 29 (29.97) here.
 //
 // --mcc: the CDPs of an MCC file as they are, by time code, counted at the
-// file's Time Code Rate; pictures without one get none. A time code section
-// is taken out, since the insertions read the triplets at a fixed offset.
+// file's Time Code Rate (which also gives --rate's default); pictures
+// without one get none. A time code section is taken out, since the
+// insertions read the triplets at a fixed offset.
+//
+// qnvtool captions --extract IN [--scc OUT] [--mcc OUT] [--srt OUT] [--vtt OUT]
+// writes a stream's captions to files instead (see "Extraction" below).
 //
 // --608-text generates a CEA-608 pop-on caption on CC1 (row 15): it is loaded
 // over the first pictures, shown from the end-of-caption command on and
@@ -40,10 +45,10 @@
 #include "qnvutil/sei.h"
 #include "qnvutil/sei/caption_packet.h"
 #include "tools/qnvtool/access_units.h"
+#include "tools/qnvtool/annexb.h"
 #include "tools/qnvtool/caption_files.h"
 #include "tools/qnvtool/cdp.h"
 #include "tools/qnvtool/cea608.h"
-#include "tools/qnvtool/annexb.h"
 #include "tools/qnvtool/picture_order.h"
 #include "tools/qnvtool/stream_io.h"
 #include "tools/qnvtool/stream_timecode.h"
@@ -211,6 +216,7 @@ public:
             start_ = startCount(o.start, "--mcc");
             startGiven_ = !o.start.empty();
         } else if (o.text.empty()) {
+            rate_ = o.rate;
             packets_ = readCaptionPackets(o.cdpFile);
             for (size_t i = 0; i < packets_.size(); ++i) validate(packets_[i], "caption packet " + std::to_string(i));
         } else {
