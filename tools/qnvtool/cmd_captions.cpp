@@ -234,9 +234,11 @@ public:
     void startFrom(const PictureTimeCode& tc, int64_t rank) {
         uint32_t count = 0;
         if (!captions::labelToCount(counting_, tc.hours, tc.minutes, tc.seconds, tc.frames, count) || count < rank) {
-            warn("the stream's time code " + std::to_string(tc.hours) + ":" + std::to_string(tc.minutes) + ":" +
-                 std::to_string(tc.seconds) + ":" + std::to_string(tc.frames) +
-                 " does not count as the caption file does; starting at 00:00:00:00");
+            char text[40];
+            std::snprintf(text, sizeof text, "%02u:%02u:%02u%c%02u", tc.hours, tc.minutes, tc.seconds,
+                          tc.dropFrame ? ';' : ':', tc.frames);
+            warn(std::string("the stream's time code ") + text +
+                 " does not count as the caption file does; the first picture is 00:00:00:00");
             return;
         }
         start_ = count - static_cast<uint32_t>(rank);
