@@ -7,6 +7,7 @@
 #include <cstdint>
 
 #include "foundation/syntax/coder.h"
+#include "qnvutil/sei/clock_time.h"
 
 namespace qnv::hevc {
 
@@ -46,17 +47,7 @@ void timeCodeClock(C& c, S& s) {
     QNV_FLAG(discontinuity_flag);
     QNV_FLAG(cnt_dropped_flag);
     QNV_U(9, n_frames);
-    if (full) {
-        QNV_U(6, seconds_value, 0, 59);
-        QNV_U(6, minutes_value, 0, 59);
-        QNV_U(5, hours_value, 0, 23);
-    } else if (QNV_FLAG(seconds_flag)) {
-        QNV_U(6, seconds_value, 0, 59);
-        if (QNV_FLAG(minutes_flag)) {
-            QNV_U(6, minutes_value, 0, 59);
-            if (QNV_FLAG(hours_flag)) QNV_U(5, hours_value, 0, 23);
-        }
-    }
+    clockTime(c, s, full);
     if (QNV_U(5, time_offset_length) > 0) QNV_U(s.time_offset_length, time_offset_value);
 }
 
