@@ -11,6 +11,7 @@
 
 #include "foundation/syntax/coder.h"
 #include "qnvutil/h264.h"
+#include "qnvutil/sei/clock_time.h"
 
 namespace qnv::h264 {
 
@@ -85,17 +86,7 @@ void clockTimestamp(C& c, S& s, uint32_t timeOffsetBits) {
     QNV_FLAG(discontinuity_flag);
     QNV_FLAG(cnt_dropped_flag);
     QNV_U(8, n_frames);
-    if (full) {
-        QNV_U(6, seconds_value, 0, 59);
-        QNV_U(6, minutes_value, 0, 59);
-        QNV_U(5, hours_value, 0, 23);
-    } else if (QNV_FLAG(seconds_flag)) {
-        QNV_U(6, seconds_value, 0, 59);
-        if (QNV_FLAG(minutes_flag)) {
-            QNV_U(6, minutes_value, 0, 59);
-            if (QNV_FLAG(hours_flag)) QNV_U(5, hours_value, 0, 23);
-        }
-    }
+    clockTime(c, s, full);
     if (timeOffsetBits > 0) QNV_U(timeOffsetBits, time_offset);
 }
 

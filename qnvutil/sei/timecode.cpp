@@ -7,6 +7,7 @@
 #include "qnvutil/sei.h"
 #include "qnvutil/sei/frame_insert.h"
 #include "qnvutil/sei/hevc_sei.h"
+#include "qnvutil/sei/time_code_sei.h"
 #include "qnvutil/sei/timecode_fields.h"
 
 namespace qnv {
@@ -14,7 +15,6 @@ namespace qnv {
 namespace {
 
 constexpr uint32_t kSearchWindow = 4096;
-constexpr uint8_t kTimeCodePayload = 136;
 // An access unit delimiter with its four-byte start code.
 constexpr uint32_t kDelimiterLength = 7;
 
@@ -36,7 +36,7 @@ uint32_t findPlace(const uint8_t* data, uint32_t size) {
             continue;
         }
         // guard: an SEI cut off before its payloadType byte is taken as another SEI
-        if (uint64_t(i) + 6 < size && data[i + 6] == kTimeCodePayload) return kAlreadyThere;
+        if (uint64_t(i) + 6 < size && data[i + 6] == hevc::kTimeCodePayloadType) return kAlreadyThere;
         if (i != 0) return i;
         break;
     }
@@ -51,31 +51,22 @@ uint32_t findPlace(const uint8_t* data, uint32_t size) {
 uint32_t buildTimeCodeSei(uint32_t frameCount, uint32_t tcType, uint8_t* out, uint32_t outSize) {
     const TimecodeFields tc = timecodeFields(frameCount, tcType);
 
-    // The 43 bits of the payload gathered in one word, most significant first.
-    uint64_t bits = 0;
-    uint32_t count = 0;
-    auto put = [&](uint32_t n, uint32_t v) {
-        bits = bits << n | (uint64_t(v) & ((uint64_t(1) << n) - 1));
-        count += n;
-    };
-    put(2, 1);           // num_clock_ts
-    put(1, 1);           // clock_timestamp_flag
-    put(1, 0);           // units_field_based_flag
-    put(5, 0);           // counting_type
-    put(1, 1);           // full_timestamp_flag
-    put(1, 0);           // discontinuity_flag
-    put(1, tc.dropFrame);  // cnt_dropped_flag
-    put(9, tc.frames);     // n_frames
-    put(6, tc.seconds);    // seconds_value
-    put(6, tc.minutes);    // minutes_value
-    put(5, tc.hours);      // hours_value
-    put(5, 0);           // time_offset_length
+    hevc::TimeCode payload{};
+    payload.num_clock_ts = 1;
+    hevc::TimeCodeClock& clock = payload.clock[0];
+    clock.clock_timestamp_flag = 1;
+    clock.full_timestamp_flag = 1;
+    clock.cnt_dropped_flag = tc.dropFrame;
+    clock.n_frames = tc.frames;
+    clock.seconds_value = tc.seconds;
+    clock.minutes_value = tc.minutes;
+    clock.hours_value = tc.hours;
 
     uint8_t rbsp[64] = {};
-    uint32_t n = beginHevcSei(rbsp, kTimeCodePayload);
-    bits <<= 64 - count;
-    for (uint32_t i = 0; i * 8 < count; ++i) rbsp[n + i] = static_cast<uint8_t>(bits >> (56 - 8 * i));
-    BitBuffer w{rbsp, sizeof rbsp, sizeof rbsp * 8, 8 * n + count};
+    const uint32_t n = beginHevcSei(rbsp, static_cast<uint8_t>(hevc::kTimeCodePayloadType));
+    BitBuffer w{rbsp, sizeof rbsp, sizeof rbsp * 8, 8 * n};
+    syntax::WriteCoder c(&w);
+    hevc::timeCode(c, payload);
     return closeHevcSei(&w, out, outSize);
 }
 

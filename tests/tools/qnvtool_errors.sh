@@ -80,6 +80,13 @@ expect_error "$tool" project show "$work/missing"
 expect_error "$tool" project show "$work/text"
 expect_error "$tool" captions "$sample" "$work/out.265" --cdp "$work/text" --codec hevc
 expect_error "$tool" captions "$sample" "$work/out.265" --cdp "$work/missing"
+printf 'Scenarist_SCC V1.0\n\n00:00:00:00\t9420 9420\n\n00:00:01:00\t94z0\n' >"$work/bad.scc"
+expect_message "bad.scc:5: '94z0' is not a byte pair" "$tool" captions "$sample" "$work/out.265" --scc "$work/bad.scc"
+printf 'File Format=MacCaption_MCC V1.0\nTime Code Rate=25\n\n00:00:00:00\tT03S0367\n' >"$work/bad.mcc"
+expect_message "bad.mcc:4: CDP: too short" "$tool" captions "$sample" "$work/out.265" --mcc "$work/bad.mcc"
+expect_message "--extract: give at least one of" "$tool" captions --extract "$sample"
+expect_message "--srt and --vtt go with --extract" "$tool" captions "$sample" "$work/out.265" --srt "$work/out.srt" --scc "$work/bad.scc"
+expect_error "$tool" captions --extract "$work/text" --srt "$work/out.srt"
 expect_error "$tool" timecode "$work/text" "$work/out.265" --start 01:00:00:00 --rate 25
 expect_error "$tool" timecode "$sample" "$work/out.265" --start 25:61:00:00 --rate 25
 expect_error "$tool" mediacmd read "$work/noise"
@@ -109,6 +116,9 @@ expect_error "$tool" edit "$sample" "$work/out.265" --level 7
 expect_error "$tool" edit "$sample" "$work/out.265" --remove-sei 5,,6
 mkdir "$work/folder"
 expect_error "$tool" edit "$sample" "$work/folder" --aud insert
+
+# A malformed caption file or stream writes nothing.
+[ ! -e "$work/out.265" ] && [ ! -e "$work/out.srt" ] || { echo "captions: a failed run left output"; fail=1; }
 
 # A command that fails leaves its destination as it was, and no temporary
 # file, also when it fails after writing: a caption longer than the stream

@@ -8,10 +8,21 @@ namespace qnvtool {
 namespace {
 
 bool isMpeg2(const std::vector<uint8_t>& data) {
-    // A sequence header (00 00 01 B3) after optional zero bytes.
+    // A sequence header (00 00 01 B3) after optional zero bytes, or after
+    // user data blocks (00 00 01 B2 ..., as the caption insertion puts them
+    // in front of it).
     size_t zeros = 0;
     while (zeros < data.size() && data[zeros] == 0) ++zeros;
-    return zeros >= 2 && zeros + 1 < data.size() && data[zeros] == 1 && data[zeros + 1] == 0xB3;
+    if (zeros < 2 || zeros + 1 >= data.size() || data[zeros] != 1) return false;
+    size_t code = zeros + 1;
+    while (data[code] == 0xB2) {
+        size_t next = code + 1;
+        // guard: the next start code's value byte lies inside the head
+        while (next + 3 < data.size() && !(data[next] == 0 && data[next + 1] == 0 && data[next + 2] == 1)) ++next;
+        if (next + 3 >= data.size()) return false;
+        code = next + 3;
+    }
+    return data[code] == 0xB3;
 }
 
 }  // namespace

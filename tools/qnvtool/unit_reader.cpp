@@ -134,7 +134,9 @@ bool AccessUnitReader::next(std::vector<uint8_t>& bytes, uint64_t& offset) {
         if (u.prefix != 0 && !splitter_) {
             // MPEG-2: the unit is the start code's value and what follows it.
             const uint8_t code = u.size != 0 ? u.unit()[0] : 0xFF;
-            const bool header = code == 0xB3 || code == 0xB8 || code == 0x00;
+            // User data after a picture's slices is the next picture's (the
+            // caption insertion puts it in front of the sequence header).
+            const bool header = code == 0xB3 || code == 0xB8 || code == 0x00 || code == 0xB2;
             if (header && mpeg2Picture_ && !bytes.empty()) {
                 pending_ = u;
                 havePending_ = true;

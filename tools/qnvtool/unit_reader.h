@@ -77,7 +77,7 @@ std::vector<uint8_t> streamHead(UnitReader& units);
 // Access units of a video elementary stream, in stream order. H.264 and
 // HEVC streams are split where the standards put the boundaries
 // (qnvutil/order/access_unit.h); an MPEG-2 unit begins at the first
-// sequence, GOP or picture header after a picture's slices. Bytes before the
+// sequence, GOP or picture header or user data after a picture's slices. Bytes before the
 // first unit and between units belong to the unit before them (the first
 // unit for the leading ones).
 class AccessUnitReader {
