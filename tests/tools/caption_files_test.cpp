@@ -59,11 +59,15 @@ TEST(CaptionLabels, CountsAcrossDropFrameMinutes) {
 // ---- SCC ----------------------------------------------------------------------
 
 TEST(SccRead, PairsGoOnePerFrameFromTheirLabelAndQueueUp) {
+    struct Pair {
+        uint32_t frame;
+        uint8_t b1, b2;
+    };
     struct Case {
         const char* what;
         const char* text;
         bool drop;
-        std::vector<SccPair> pairs;
+        std::vector<Pair> pairs;
         uint32_t queued;
     };
     const Case cases[] = {
