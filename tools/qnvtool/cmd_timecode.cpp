@@ -8,8 +8,9 @@
 //  - HEVC: a time_code SEI; access units that already carry a time code as
 //    their first prefix SEI keep it.
 //  - H.264: a pic_timing SEI with one clock timestamp, replacing the
-//    stream's own pic_timing, in every access unit: pic_struct 0 for a
-//    frame, 1 or 2 for a top or bottom field picture. Its layout depends on the SPS, which is
+//    stream's own pic_timing, in every access unit: 1 or 2 for a top or
+//    bottom field picture; a frame keeps the stream's own pic_struct (the
+//    field order of an interlaced frame), else 0. Its layout depends on the SPS, which is
 //    rewritten through the library's writer with VUI pic_struct_present_flag
 //    set (a VUI added where there is none, with timing info at --rate where
 //    the SPS has none; an HRD is kept); an SPS that does not come back
@@ -98,6 +99,9 @@ public:
         uint32_t copied = 0;
         for (nal::Unit u; walk.next(u);) {
             if (u.size == 0 || nal::unitType(nal::Codec::kH264, au[u.header()]) != nal::h264::kSps) continue;
+            std::memset(&streamSps_, 0, sizeof streamSps_);
+            BitBuffer original{const_cast<uint8_t*>(au.data() + u.header()), u.size, u.size * 8, 0};
+            qnvutilRead_SPS(&original, &streamSps_);
             const std::string where = "the SPS at offset " + std::to_string(offset + u.offset);
             const std::vector<uint8_t>& sps = sets_.rewrite(au.data() + u.header(), u.size, where);
             out.insert(out.end(), au.begin() + copied, au.begin() + u.header());
@@ -124,16 +128,30 @@ public:
         frame.frameCapacity = static_cast<uint32_t>(buffer.size());
         frame.frameSize = size;
         frame.frameTimecode = count;
-        // pic_struct (Table D-1): a frame, a top field or a bottom field.
-        const uint32_t picStruct = structure == PictureStructure::kTopField      ? 1
-                                   : structure == PictureStructure::kBottomField ? 2
-                                                                                 : 0;
+        // pic_struct (Table D-1): a top or a bottom field picture; a frame
+        // keeps the pic_struct the stream gave it (its field order or
+        // repetition), else 0.
+        uint32_t picStruct = structure == PictureStructure::kTopField ? 1 : structure == PictureStructure::kBottomField ? 2 : 0;
+        if (structure == PictureStructure::kFrame) picStruct = streamPicStruct(buffer.data(), size);
         if (qnvutilAddAVCTimeCode(&frame, type, &sps_, picStruct, 0) != QNV_SEI_OK)
             throw Error("access unit at offset " + std::to_string(offset) + ": no pic_timing SEI could be written");
         return frame.frameSize;
     }
 
 private:
+    // The pic_struct of the frame's own pic_timing, read as the stream's
+    // SPS lays it out; 0 when it has none.
+    uint32_t streamPicStruct(const uint8_t* frame, uint32_t size) {
+        if (streamSps_.pic_struct_present_flag != 1) return 0;
+        scratchSps_ = streamSps_;  // the scan reads the frame's own SPS over it
+        H264FrameContext context{};
+        context.data = frame;
+        context.size = size;
+        qnvutilFindNalUnits(&context, &scratchSps_, nullptr, nullptr, nullptr, nullptr, nullptr);
+        const bool have = (context.found & H264_FOUND_PIC_TIMING) != 0 && context.picStruct <= 8;
+        return have ? context.picStruct : 0;
+    }
+
     static EditChanges changesFor(const TimecodeOptions& o) {
         uint32_t rate = 0, scale = 0;
         qnv::RateFromText(o.rate.c_str(), &rate, &scale);
@@ -144,7 +162,9 @@ private:
     }
     EditChanges changes_;  // before sets_, which keeps a reference to it
     ParameterSetEditor sets_;
-    H264SpsRecord sps_{};
+    H264SpsRecord sps_{};        // the SPS as rewritten
+    H264SpsRecord streamSps_{};  // the same SPS as the stream has it
+    H264SpsRecord scratchSps_{};
     bool haveSps_ = false;
 };
 

@@ -13,7 +13,8 @@
 #             order although the stream carries B-frames, the pictures
 #             decoding to the same frames as before; and on a stream with HRD
 #             parameters and pic_timing of its own, non-drop-frame, that
-#             pic_timing replaced (one per picture) with its delays kept.
+#             pic_timing replaced (one per picture) with its delays kept;
+#             and on an interlaced stream, each frame's pic_struct kept.
 set -eu
 qnvtool=$1
 mode=$2
@@ -114,6 +115,14 @@ timecode-h264)
     }
     [ -n "$(delays "$out")" ] || fail "$out: no CPB and DPB delays"
     [ "$(delays "$out")" = "$(delays "$data/h264hrd.264")" ] || fail "$out: CPB and DPB delays changed"
+
+    # Interlaced frames keep their field order (pic_struct 3, top field first).
+    out=$work/tc-tff.264
+    "$qnvtool" timecode "$data/h264tff.264" "$out" --start 00:00:59:28 --rate 30000/1001 >/dev/null
+    same_pictures "$data/h264tff.264" "$out"
+    time_codes_are "$out" "$drop_frame_minute"
+    structs=$(ffmpeg -nostdin -i "$out" -c copy -bsf:v trace_headers -f null - 2>&1 | grep -c ' pic_struct .* = 3$' || true)
+    [ "$structs" = "$frames" ] || fail "$out: pic_struct 3 on $structs of $frames frames"
     n=$(ffmpeg -nostdin -i "$out" -c copy -bsf:v trace_headers -f null - 2>&1 | grep -c "Picture Timing" || true)
     [ "$n" = "$frames" ] || fail "$out: $n pic_timing messages, expected $frames"
     ;;
