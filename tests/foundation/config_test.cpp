@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "qnvutil/qxutil.h"
+#include "tests/qnvutil/test_util.h"
 
 namespace fs = std::filesystem;
 
@@ -41,11 +42,6 @@ extern "C" __attribute__((visibility("default"))) int flock(int fd, int operatio
 
 namespace {
 
-struct Captured {
-    std::vector<std::string> lines;
-};
-void capture(uint32_t, const char* line, void* context) { static_cast<Captured*>(context)->lines.emplace_back(line); }
-
 // A fresh configuration folder per test, named by QNVUTIL_CONFIG_DIR.
 class ConfigStore : public ::testing::Test {
 protected:
@@ -55,12 +51,8 @@ protected:
         fs::remove_all(dir);
         fs::create_directories(dir);
         ::setenv("QNVUTIL_CONFIG_DIR", dir.c_str(), 1);
-        QxSetLogSink(capture, &log);
     }
-    void TearDown() override {
-        QxSetLogSink(nullptr, nullptr);
-        fs::remove_all(dir);
-    }
+    void TearDown() override { fs::remove_all(dir); }
 
     static uint32_t write(const std::string& key, const std::string& name, const std::string& text) {
         auto length = static_cast<uint32_t>(text.size());
@@ -76,7 +68,7 @@ protected:
         return text;
     }
     fs::path dir;
-    Captured log;
+    qnvtest::LogCapture log;
 };
 
 }  // namespace
