@@ -1,6 +1,6 @@
-# Shell helpers of the qnvtool edit checks against ffmpeg, sourced by
-# tests/data/edit/check_ffmpeg.sh and tests/data/hdr/check_ffmpeg.sh. They
-# use $qnvtool, and $pictures_expected for the number of decoded pictures.
+# Shell helpers of the qnvtool checks against ffmpeg, sourced by the
+# tests/data/*/check_ffmpeg.sh scripts. They use $qnvtool, and
+# $pictures_expected (when set) for the number of decoded pictures.
 
 fail() {
     echo "FAIL: $*"
@@ -18,6 +18,14 @@ same_pictures() {
     [ "$(pictures "$1" | wc -l)" = "$pictures_expected" ] ||
         fail "$1: $(pictures "$1" | wc -l) pictures decoded, expected $pictures_expected"
     [ "$(pictures "$1")" = "$(pictures "$2")" ] || fail "$2: decodes to other pictures than $1"
+}
+# decodes_cleanly FILE: ffmpeg decodes FILE without complaint (to
+# $pictures_expected pictures, when set).
+decodes_cleanly() {
+    errors=$(ffmpeg -nostdin -v error -i "$1" -f null - 2>&1) || fail "$1: ffmpeg failed: $errors"
+    [ -z "$errors" ] || fail "$1: decoding errors: $errors"
+    [ -z "${pictures_expected:-}" ] || [ "$(pictures "$1" | wc -l)" = "$pictures_expected" ] ||
+        fail "$1: $(pictures "$1" | wc -l) pictures decoded, expected $pictures_expected"
 }
 trace() {
     ffmpeg -nostdin -hide_banner -i "$1" -c copy -bsf:v trace_headers -f null - 2>&1

@@ -13,37 +13,25 @@
 #include <vector>
 
 #include "qnvutil/qxutil.h"
+#include "tests/qnvutil/test_util.h"
 
 namespace fs = std::filesystem;
 
-namespace {
-
-struct Captured {
-    std::vector<std::pair<uint32_t, std::string>> lines;
-};
-void capture(uint32_t level, const char* line, void* context) {
-    static_cast<Captured*>(context)->lines.emplace_back(level, line);
-}
-
-}  // namespace
-
 TEST(Diagnostics, OneLinePerMessageToTheSink) {
-    Captured log;
-    QxSetLogSink(capture, &log);
-    ErrOut("Diskcache seek failed 0x%08X ", 5u);
-    ErrFmtOut(0x80000000u, 0, 0, "WARNING(XMLmCmd): %s\n", "Exception: MediaCmdToXML() ");
-    qxOutputDebugString("two\nlines");
-    std::string longText(3000, 'a');
-    ErrOut("%s", longText.c_str());
-    QxSetLogSink(nullptr, nullptr);
+    const std::string longText(3000, 'a');
+    {
+        qnvtest::LogCapture log;
+        ErrOut("Diskcache seek failed 0x%08X ", 5u);
+        ErrFmtOut(0x80000000u, 0, 0, "WARNING(XMLmCmd): %s\n", "Exception: MediaCmdToXML() ");
+        qxOutputDebugString("two\nlines");
+        ErrOut("%s", longText.c_str());
+        // Line breaks inside a message become spaces, trailing ones go; long lines stay whole.
+        EXPECT_EQ(log.lines, (std::vector<std::string>{"Diskcache seek failed 0x00000005 ",
+                                                       "WARNING(XMLmCmd): Exception: MediaCmdToXML() ", "two lines",
+                                                       longText}));
+        EXPECT_EQ(log.levels, (std::vector<uint32_t>{QX_LOG_ERROR, 0x80000000u, QX_LOG_DEBUG, QX_LOG_ERROR}));
+    }
     ErrOut("to standard error");
-    // Line breaks inside a message become spaces, trailing ones go; long lines stay whole.
-    const std::vector<std::pair<uint32_t, std::string>> want = {
-        {QX_LOG_ERROR, "Diskcache seek failed 0x00000005 "},
-        {0x80000000u, "WARNING(XMLmCmd): Exception: MediaCmdToXML() "},
-        {QX_LOG_DEBUG, "two lines"},
-        {QX_LOG_ERROR, longText}};
-    EXPECT_EQ(log.lines, want);
 }
 
 TEST(Base64, EncodesWithLineBreaksWithinTheCallersSizing) {

@@ -4,11 +4,10 @@
 
 #include <cstring>
 #include <string>
-#include <utility>
-#include <vector>
 
 #include "qnvutil/mediacmd.h"
 #include "qnvutil/qxutil.h"
+#include "tests/qnvutil/test_util.h"
 
 namespace mctest {
 
@@ -37,19 +36,6 @@ inline std::string body(MediaCmd& c, uint32_t tcType = 0) {
     size_t to = s.rfind("</MediaCmd>");
     return from == std::string::npos || to == std::string::npos ? s : s.substr(from, to - from);
 }
-
-// Collects every diagnostic line while alive.
-class LogCapture {
-public:
-    LogCapture() { QxSetLogSink(&LogCapture::sink, this); }
-    ~LogCapture() { QxSetLogSink(nullptr, nullptr); }
-    std::vector<std::pair<uint32_t, std::string>> lines;
-
-private:
-    static void sink(uint32_t level, const char* line, void* self) {
-        static_cast<LogCapture*>(self)->lines.emplace_back(level, line);
-    }
-};
 
 }  // namespace mctest
 

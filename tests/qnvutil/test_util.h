@@ -1,15 +1,22 @@
-// File and command helpers shared by the qnvutil tests.
+// File, command, box and diagnostics helpers shared by the tests.
 #ifndef QNVUTIL_TESTS_TEST_UTIL_H
 #define QNVUTIL_TESTS_TEST_UTIL_H
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <initializer_list>
 #include <iterator>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
+
+#include "qnvutil/qxutil.h"
 
 namespace qnvtest {
 
@@ -25,6 +32,69 @@ inline std::vector<uint8_t> cat(std::initializer_list<std::vector<uint8_t>> part
     for (const auto& p : parts) out.insert(out.end(), p.begin(), p.end());
     return out;
 }
+
+// A temporary file holding `bytes`, removed with the object.
+class TempFile {
+public:
+    explicit TempFile(const std::vector<uint8_t>& bytes = {}) {
+        char name[] = "/tmp/qnv_test_XXXXXX";
+        const int fd = ::mkstemp(name);
+        path_ = name;
+        if (fd >= 0) {
+            if (::write(fd, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) path_.clear();
+            ::close(fd);
+        }
+    }
+    ~TempFile() { std::remove(path_.c_str()); }
+    TempFile(const TempFile&) = delete;
+    TempFile& operator=(const TempFile&) = delete;
+    const std::string& path() const { return path_; }
+    std::string text() const {
+        std::ifstream in(path_, std::ios::binary);
+        return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    }
+    std::vector<uint8_t> bytes() const {
+        const std::string t = text();
+        return {t.begin(), t.end()};
+    }
+
+private:
+    std::string path_;
+};
+
+// The box of type `tag` (header included) in an MP4 file, or nothing.
+inline std::vector<uint8_t> findBox(const std::vector<uint8_t>& mp4, const char* tag) {
+    const auto at = std::search(mp4.begin(), mp4.end(), tag, tag + 4);
+    if (at - mp4.begin() < 4 || mp4.end() - at < 4) return {};
+    const size_t size = size_t(at[-4]) << 24 | size_t(at[-3]) << 16 | size_t(at[-2]) << 8 | at[-1];
+    return size > size_t(mp4.end() - at) + 4 ? std::vector<uint8_t>{} : std::vector<uint8_t>(at - 4, at - 4 + size);
+}
+
+// A box of type `tag` around `payload`.
+inline std::vector<uint8_t> boxed(const std::vector<uint8_t>& payload, const char* tag) {
+    const uint32_t size = static_cast<uint32_t>(payload.size() + 8);
+    std::vector<uint8_t> box = {uint8_t(size >> 24), uint8_t(size >> 16), uint8_t(size >> 8), uint8_t(size)};
+    box.insert(box.end(), tag, tag + 4);
+    box.insert(box.end(), payload.begin(), payload.end());
+    return box;
+}
+
+// Collects the library's diagnostic lines while alive.
+class LogCapture {
+public:
+    LogCapture() { QxSetLogSink(&LogCapture::sink, this); }
+    ~LogCapture() { QxSetLogSink(nullptr, nullptr); }
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+    std::vector<std::string> lines;
+    std::vector<uint32_t> levels;
+
+private:
+    static void sink(uint32_t level, const char* line, void* self) {
+        static_cast<LogCapture*>(self)->lines.push_back(line);
+        static_cast<LogCapture*>(self)->levels.push_back(level);
+    }
+};
 
 struct Unit {
     uint32_t offset;  // of the NAL header

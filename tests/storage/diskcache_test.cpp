@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "qnvutil/storage.h"
+#include "tests/qnvutil/test_util.h"
 
 namespace fs = std::filesystem;
 using Bytes = std::vector<uint8_t>;
@@ -243,15 +244,14 @@ TEST_F(DiskCache, ShortReadWithRetryFollowsAGrowingFile) {
 
 TEST_F(DiskCache, ErrorCodes) {
     makeFile(10000);
-    std::vector<std::string> log;
-    QxSetLogSink([](uint32_t, const char* line, void* context) { static_cast<std::vector<std::string>*>(context)->push_back(line); },
-                 &log);
-    read(cache, 0, 100);
-    // A refill whose seek fails (an offset beyond what lseek takes).
-    EXPECT_EQ(read(cache, 1ull << 63, 10).result, 0x80000000u | EINVAL);
-    EXPECT_EQ(log, std::vector<std::string>{"Diskcache seek failed 0x00000016 "});
-    EXPECT_EQ(cache.start(), cache.end());  // guard: nothing claimed
-    QxSetLogSink(nullptr, nullptr);
+    {
+        qnvtest::LogCapture log;
+        read(cache, 0, 100);
+        // A refill whose seek fails (an offset beyond what lseek takes).
+        EXPECT_EQ(read(cache, 1ull << 63, 10).result, 0x80000000u | EINVAL);
+        EXPECT_EQ(log.lines, std::vector<std::string>{"Diskcache seek failed 0x00000016 "});
+        EXPECT_EQ(cache.start(), cache.end());  // guard: nothing claimed
+    }
 
     // Read errors: with bit 31 from a refill, as they are from a bypass.
     QXFILE writeOnly = qxOSCreateFile(path.c_str(), QX_GENERIC_WRITE, 3, nullptr, QX_OPEN_EXISTING, 0, nullptr);

@@ -17,8 +17,6 @@ int32_t fracOf(const CQNVTransTC& tc) {
     return p.frac();
 }
 
-using Seen = std::vector<std::pair<int32_t, int32_t>>;
-
 // The counter's rules written out over one fixed-point number.
 struct Model {
     int32_t in = 0, out = 0, speed = 0, index = 0, last = 1;
@@ -53,32 +51,18 @@ struct Model {
 
 }  // namespace
 
-TEST(TransTC, PlayCountsAtSlowSpeeds) {
-    // Slow speeds start from the middle of the frame.
-    const struct { int32_t from, speed; Seen want; } rows[] = {
-        {0, 65520, {{1, 1}, {1, 2}}},
-        {0, 32760, {{1, 1}, {2, 2}, {2, 3}}},
-        {0, 21840, {{2, 1}, {3, 2}, {3, 3}}},
-        {10, -32760, {{2, 9}, {2, 8}}},
-        {10, 0, {{1, 10}, {1, 10}}}};
-    for (const auto& r : rows) {
-        CQNVTransTC tc;
-        tc.SetTC(r.from);
-        tc.SetSpeed(CQNVSpeed(r.speed));
-        Seen seen;  // repeat count and frame of each forward step
-        for (int32_t repeat = 0; seen.size() < r.want.size();) {
-            tc.GetTC(repeat);
-            // Every width of the count reads the same count and position.
-            int16_t r16 = 0;
-            uint16_t u16 = 0;
-            uint32_t u32 = 0;
-            EXPECT_EQ(std::tuple(tc.GetTC(r16), tc.GetTC(u16), tc.GetTC(u32)),
-                      std::tuple(tc.GetTC(), tc.GetTC(), tc.GetTC()));
-            EXPECT_EQ(std::tuple(int32_t(r16), int32_t(u16), int32_t(u32)), std::tuple(repeat, repeat, repeat));
-            seen.emplace_back(repeat, ++tc);
-        }
-        EXPECT_EQ(seen, r.want) << r.speed;
-    }
+TEST(TransTC, EveryWidthOfThePlayCountReadsTheSame) {
+    // The counts themselves are the model's (below).
+    CQNVTransTC tc;
+    tc.SetTC(10);
+    tc.SetSpeed(CQNVSpeed(-32760));
+    int32_t repeat = 0;
+    int16_t r16 = 0;
+    uint16_t u16 = 0;
+    uint32_t u32 = 0;
+    EXPECT_EQ(std::tuple(tc.GetTC(repeat), tc.GetTC(r16), tc.GetTC(u16), tc.GetTC(u32)),
+              std::tuple(tc.GetTC(), tc.GetTC(), tc.GetTC(), tc.GetTC()));
+    EXPECT_EQ(std::tuple(repeat, int32_t(r16), int32_t(u16), int32_t(u32)), std::tuple(2, 2, 2, 2));
 }
 
 TEST(TransTC, SpeedAssignmentKeepsFractionAndCachedCount) {

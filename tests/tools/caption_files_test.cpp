@@ -3,9 +3,7 @@
 // malformed lines), and CDPs that the library's packet check accepts.
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <functional>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -14,6 +12,7 @@
 #include "tools/qnvtool/cdp.h"
 #include "tools/qnvtool/stream_io.h"
 #include "tools/qnvtool/tool.h"
+#include "tests/qnvutil/test_util.h"
 
 namespace {
 
@@ -154,26 +153,8 @@ TEST(SccMapping, PicturesAcrossADropFrameMinute) {
     EXPECT_EQ(l.before, 6u);
 }
 
-// A temporary output file read back whole.
-class TempOutput {
-public:
-    TempOutput() : path_(testing::TempDir() + "caption_files_" + std::to_string(++serial_)) {}
-    ~TempOutput() { std::remove(path_.c_str()); }
-    const std::string& path() const { return path_; }
-    std::string text() const {
-        std::ifstream in(path_, std::ios::binary);
-        std::stringstream s;
-        s << in.rdbuf();
-        return s.str();
-    }
-
-private:
-    static inline int serial_ = 0;
-    std::string path_;
-};
-
 TEST(SccWrite, ConsecutiveFramesShareALineAndPaddingIsLeftOut) {
-    TempOutput file;
+    const qnvtest::TempFile file;
     {
         qnvtool::OutputStream out(file.path());
         SccWriter w(out, true);
@@ -297,7 +278,7 @@ TEST(MccRead, MalformedLinesNameTheirLine) {
 }
 
 TEST(MccWrite, LinesReadBackAsTheyWent) {
-    TempOutput file;
+    const qnvtest::TempFile file;
     uint8_t cdpBytes[qnvtool::cdp::kMaxBytes];
     qnvtool::cdp::Packet p;
     p.rate = qnvtool::cdp::FrameRate::k2997;
@@ -355,8 +336,7 @@ TEST(Cdp, PerRateCountsAndTheLibraryAcceptsWhatIsBuilt) {
 TEST(Cdp, BytesMatchTheFixtureAndTheTimeCodeSection) {
     using namespace qnvtool::cdp;
     // tests/data/sei/cdps.bin, made by its own script: ten triplets, 29.97.
-    std::ifstream in(std::string(QNV_TEST_DATA) + "/sei/cdps.bin", std::ios::binary);
-    const Bytes fixture((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const Bytes fixture = qnvtest::readData("sei/cdps.bin");
     ASSERT_GE(fixture.size(), 43u);
     Packet p;
     p.rate = FrameRate::k2997;

@@ -6,9 +6,7 @@
 // each frame.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 #include "qnvutil/h264.h"
@@ -27,22 +25,16 @@ struct Ranked {
 };
 
 std::vector<Ranked> rank(const Bytes& stream) {
-    char name[] = "/tmp/qnv_fields_XXXXXX";
-    const int fd = ::mkstemp(name);
-    EXPECT_EQ(::write(fd, stream.data(), stream.size()), static_cast<ssize_t>(stream.size()));
-    ::close(fd);
+    const qnvtest::TempFile file(stream);
+    qnvtool::InputStream in(file.path());
+    qnvtool::UnitReader reader(in);
+    qnvtool::AccessUnitReader aus(reader, qnvtool::VideoCodec::kH264);
+    qnvtool::RankedUnits units(aus, qnvtool::VideoCodec::kH264, 0);
     std::vector<Ranked> out;
-    {
-        qnvtool::InputStream in(name);
-        qnvtool::UnitReader reader(in);
-        qnvtool::AccessUnitReader aus(reader, qnvtool::VideoCodec::kH264);
-        qnvtool::RankedUnits units(aus, qnvtool::VideoCodec::kH264, 0);
-        const Bytes* bytes;
-        int64_t r;
-        uint64_t offset;
-        while (units.next(bytes, r, offset)) out.push_back({r, units.structure()});
-    }
-    std::remove(name);
+    const Bytes* bytes;
+    int64_t r;
+    uint64_t offset;
+    while (units.next(bytes, r, offset)) out.push_back({r, units.structure()});
     return out;
 }
 

@@ -5,14 +5,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <fstream>
-#include <iterator>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 #include "foundation/nal/nal.h"
+#include "tests/qnvutil/test_util.h"
 #include "tools/qnvtool/unit_reader.h"
 
 namespace {
@@ -24,29 +21,8 @@ using qnvtool::UnitReader;
 using qnvtool::VideoCodec;
 using Bytes = std::vector<uint8_t>;
 
-Bytes load(const std::string& name) {
-    std::ifstream f(std::string(QNV_TEST_DATA) + "/" + name, std::ios::binary);
-    return Bytes(std::istreambuf_iterator<char>(f), {});
-}
-
-// The bytes in a file of its own for as long as the test needs them.
-class TempStream {
-public:
-    explicit TempStream(const Bytes& bytes) {
-        char name[] = "/tmp/qnv_unit_reader_XXXXXX";
-        const int fd = ::mkstemp(name);
-        path_ = name;
-        if (fd >= 0) {
-            EXPECT_EQ(::write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
-            ::close(fd);
-        }
-    }
-    ~TempStream() { std::remove(path_.c_str()); }
-    const std::string& path() const { return path_; }
-
-private:
-    std::string path_;
-};
+Bytes load(const std::string& name) { return qnvtest::readData(name); }
+using TempStream = qnvtest::TempFile;
 
 struct Seen {
     uint64_t startCode;

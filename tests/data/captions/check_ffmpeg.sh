@@ -24,11 +24,8 @@ data=$(cd "$(dirname "$0")" && pwd)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 start="00:00:58;00"
-
-fail() {
-    echo "FAIL: $*"
-    exit 1
-}
+# shellcheck source=../edit_checks.sh
+. "$data/../edit_checks.sh"
 
 # SubRip text without ffmpeg's styling tags and line-end CRs.
 plain() { sed 's/<[^>]*>//g; s/{[^}]*}//g; s/\r$//' "$@"; }
@@ -39,8 +36,7 @@ for stream in h264.264 hevc.265; do
     out=$work/cc-$stream
     "$qnvtool" captions "$data/$stream" "$out" --scc "$data/captions.scc" --start "$start" >/dev/null 2>&1 ||
         fail "$stream: insertion failed"
-    errors=$(ffmpeg -nostdin -v error -i "$out" -f null - 2>&1) || fail "$out: ffmpeg failed: $errors"
-    [ -z "$errors" ] || fail "$out: decoding errors: $errors"
+    decodes_cleanly "$out"
 
     "$qnvtool" captions --extract "$out" --start "$start" --scc "$work/x.scc" --mcc "$work/x.mcc" \
         --srt "$work/x.srt" --vtt "$work/x.vtt" >/dev/null
@@ -85,8 +81,7 @@ done
 out=$work/cc.m2v
 "$qnvtool" captions "$data/mpeg2.m2v" "$out" --scc "$data/captions.scc" --start "$start" >/dev/null ||
     fail "mpeg2: insertion failed"
-errors=$(ffmpeg -nostdin -v error -i "$out" -f null - 2>&1) || fail "$out: ffmpeg failed: $errors"
-[ -z "$errors" ] || fail "$out: decoding errors: $errors"
+decodes_cleanly "$out"
 "$qnvtool" captions --extract "$out" --start "$start" --scc "$work/p.scc" >/dev/null
 grep . "$work/p.scc" >"$work/p-got.scc"
 cmp -s "$work/want.scc" "$work/p-got.scc" || fail "mpeg2: extracted SCC differs: $(diff "$work/want.scc" "$work/p-got.scc")"

@@ -8,7 +8,7 @@
 #         frame, trace_headers finds one copy per key frame, and the decoded
 #         pictures stay the same;
 #         --every-au on x265's HDR stream replaces its values on every
-#         picture; --remove-hdr leaves none; probe --hdr finds what x265 wrote.
+#         picture; --remove-hdr leaves none; probe --hdr reports x265's values.
 #   h264: the same edits on x264's streams, checked through trace_headers
 #         (ffmpeg's H.264 decoder does not report these messages).
 set -eu
@@ -77,11 +77,10 @@ hevc)
     same_pictures "$data/x265.265" "$work/c.265"
     [ "$("$qnvtool" probe --hdr "$work/c.265")" = "[]" ] || fail "probe --hdr finds colour SEI after --remove-hdr"
 
-    # probe finds what x265 wrote.
+    # probe reports what x265 wrote (the values themselves: ColorSeiFind in
+    # tests/qnvutil/hdr).
     first=$("$qnvtool" probe --hdr --first "$data/x265.265")
-    for entry in '"display_primaries_x": \[' '13250,' '"max_display_mastering_luminance": 10000000' \
-        '"max_content_light_level": 1000' '"max_pic_average_light_level": 400' \
-        '"preferred_transfer_characteristics": 18' '"access_unit": 0'; do
+    for entry in '"display_primaries_x": \[' '"max_content_light_level": 1000' '"access_unit": 0'; do
         echo "$first" | grep -q "$entry" || fail "probe --hdr --first: no $entry in $first"
     done
     ;;

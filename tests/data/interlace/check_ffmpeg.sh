@@ -14,11 +14,8 @@ set -eu
 qnvtool=$1
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-
-fail() {
-    echo "FAIL: $*"
-    exit 1
-}
+# shellcheck source=../edit_checks.sh
+. "$(dirname "$0")/../edit_checks.sh"
 
 ffmpeg -nostdin -v error -f lavfi -i testsrc=size=1920x544:rate=60000/1001 -frames:v 4 -pix_fmt yuv420p \
     -f yuv4mpegpipe "$work/in.y4m"
@@ -28,8 +25,7 @@ encode() {
 }
 encode --output "$work/plain.265"
 encode --hrd --vbv-bufsize 4000 --vbv-maxrate 3000 --output "$work/hrd.265"
-ffmpeg -nostdin -hide_banner -i "$work/hrd.265" -c copy -bsf:v trace_headers -f null - 2>&1 |
-    grep -q "Buffering Period" || fail "x265 wrote no buffering period message"
+trace "$work/hrd.265" | grep -q "Buffering Period" || fail "x265 wrote no buffering period message"
 
 # field VALUES NAME: the values trace_headers printed for NAME, in order.
 field() {
@@ -45,8 +41,7 @@ all() {
 for stream in plain hrd; do
     out=$work/$stream-fields.265
     "$qnvtool" interlace "$work/$stream.265" "$out" >/dev/null
-    errors=$(ffmpeg -nostdin -v error -i "$out" -f null - 2>&1) || fail "$out: ffmpeg failed: $errors"
-    [ -z "$errors" ] || fail "$out: decoding errors: $errors"
+    decodes_cleanly "$out"
     got=$(ffprobe -v error -count_frames -select_streams v:0 \
         -show_entries stream=width,height,sample_aspect_ratio,nb_read_frames -of csv=p=0 "$out")
     [ "$got" = "1920,540,1:2,4" ] || fail "$out: width,height,sar,frames are $got, expected 1920,540,1:2,4"

@@ -22,19 +22,10 @@ data=$(cd "$(dirname "$0")" && pwd)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 frames=30
+pictures_expected=$frames
 text="DISPLAY ORDER 42"
-
-fail() {
-    echo "FAIL: $*"
-    exit 1
-}
-
-decodes_cleanly() {
-    errors=$(ffmpeg -nostdin -v error -i "$1" -f null - 2>&1) || fail "$1: ffmpeg failed: $errors"
-    [ -z "$errors" ] || fail "$1: decoding errors: $errors"
-    n=$(ffprobe -v error -count_frames -select_streams v:0 -show_entries stream=nb_read_frames -of default=nw=1:nk=1 "$1")
-    [ "$n" = "$frames" ] || fail "$1: $n frames decoded, expected $frames"
-}
+# shellcheck source=../edit_checks.sh
+. "$data/../edit_checks.sh"
 
 a53_on_every_frame() {
     n=$(ffprobe -v error -show_frames "$1" | grep -c "^side_data_type=ATSC A53 Part 4 Closed Captions$" || true)
@@ -57,12 +48,6 @@ drop_frame_minute="00:00:59;28 00:00:59;29$(for f in $(seq -w 2 29); do printf '
 time_codes_are() {
     got=$(ffprobe -v error -show_frames "$1" | sed -n 's/^value=//p' | tr '\n' ' ' | sed 's/ $//')
     [ "$got" = "$2" ] || fail "$1: time codes: got '$got', expected '$2'"
-}
-
-same_pictures() {
-    ffmpeg -nostdin -v error -i "$1" -f framemd5 -y "$work/before.md5"
-    ffmpeg -nostdin -v error -i "$2" -f framemd5 -y "$work/after.md5"
-    cmp -s "$work/before.md5" "$work/after.md5" || fail "$2: pictures differ from $1"
 }
 
 case $mode in
@@ -109,22 +94,19 @@ timecode-h264)
     decodes_cleanly "$out"
     same_pictures "$data/h264hrd.264" "$out"
     time_codes_are "$out" "$(for f in $(seq -w 0 29); do printf '01:00:00:%s ' "$f"; done | sed 's/ $//')"
-    delays() {
-        ffmpeg -nostdin -i "$1" -c copy -bsf:v trace_headers -f null - 2>&1 |
-            grep -E ' (cpb_removal_delay|dpb_output_delay) ' | sed 's/.* = //' | tr '\n' ' '
-    }
+    delays() { echo "$(values "$1" cpb_removal_delay)$(values "$1" dpb_output_delay)"; }
     [ -n "$(delays "$out")" ] || fail "$out: no CPB and DPB delays"
     [ "$(delays "$out")" = "$(delays "$data/h264hrd.264")" ] || fail "$out: CPB and DPB delays changed"
+    n=$(trace "$out" | grep -c "Picture Timing" || true)
+    [ "$n" = "$frames" ] || fail "$out: $n pic_timing messages, expected $frames"
 
     # Interlaced frames keep their field order (pic_struct 3, top field first).
     out=$work/tc-tff.264
     "$qnvtool" timecode "$data/h264tff.264" "$out" --start 00:00:59:28 --rate 30000/1001 >/dev/null
     same_pictures "$data/h264tff.264" "$out"
     time_codes_are "$out" "$drop_frame_minute"
-    structs=$(ffmpeg -nostdin -i "$out" -c copy -bsf:v trace_headers -f null - 2>&1 | grep -c ' pic_struct .* = 3$' || true)
+    structs=$(trace "$out" | grep -c ' pic_struct .* = 3$' || true)
     [ "$structs" = "$frames" ] || fail "$out: pic_struct 3 on $structs of $frames frames"
-    n=$(ffmpeg -nostdin -i "$out" -c copy -bsf:v trace_headers -f null - 2>&1 | grep -c "Picture Timing" || true)
-    [ "$n" = "$frames" ] || fail "$out: $n pic_timing messages, expected $frames"
     ;;
 *)
     fail "unknown mode $mode"

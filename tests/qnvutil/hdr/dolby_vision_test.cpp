@@ -2,9 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -142,17 +140,13 @@ TEST(DolbyVisionConfig, FfprobeReadsTheBoxBackAsTheSameConfiguration) {
     const Bytes mp4 = qnvtest::readData("hdr/plain.mp4");
     ASSERT_FALSE(mp4.empty());
     const DoviConfigRecord rows[] = {{1, 0, 8, 6, 1, 0, 1, 1}, {1, 0, 5, 9, 1, 0, 1, 0}, {2, 1, 7, 13, 1, 1, 1, 6}};
-    const std::string path = ::testing::TempDir() + "qnv_dovi.mp4";
     for (const DoviConfigRecord& r : rows) {
         Bytes box(QNV_DOVI_BOX_BYTES);
         ASSERT_EQ(qnvutilWrite_DVVC_CR(&r, box.data(), QNV_DOVI_BOX_BYTES), QNV_DOVI_BOX_BYTES);
-        const Bytes file = spliceBehindHvcc(mp4, box);
-        ASSERT_FALSE(file.empty());
-        {
-            std::ofstream out(path, std::ios::binary);
-            out.write(reinterpret_cast<const char*>(file.data()), std::streamsize(file.size()));
-        }
-        const std::string report = runCommand("ffprobe -v error -show_streams " + path);
+        const Bytes spliced = spliceBehindHvcc(mp4, box);
+        ASSERT_FALSE(spliced.empty());
+        const qnvtest::TempFile file(spliced);
+        const std::string report = runCommand("ffprobe -v error -f mp4 -show_streams " + file.path());
         const std::string expected = "side_data_type=DOVI configuration record\n"
                                      "dv_version_major=" + std::to_string(r.dv_version_major) +
                                      "\ndv_version_minor=" + std::to_string(r.dv_version_minor) +
@@ -165,5 +159,4 @@ TEST(DolbyVisionConfig, FfprobeReadsTheBoxBackAsTheSameConfiguration) {
                                      std::to_string(r.dv_bl_signal_compatibility_id) + "\n";
         EXPECT_NE(report.find(expected), std::string::npos) << "profile " << r.dv_profile << ":\n" << report;
     }
-    std::remove(path.c_str());
 }

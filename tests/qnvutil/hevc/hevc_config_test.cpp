@@ -3,7 +3,6 @@
 // scan's records, copies and SEI findings.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstring>
 
 #include "tests/qnvutil/hevc/hevc_test_util.h"
@@ -11,15 +10,6 @@
 using namespace hevctest;
 
 namespace {
-
-// The 'hvcC' box (header included) of an MP4 that holds one.
-std::vector<uint8_t> findHvcc(const std::vector<uint8_t>& mp4) {
-    const char tag[] = "hvcC";
-    const auto at = std::search(mp4.begin(), mp4.end(), tag, tag + 4);
-    if (at - mp4.begin() < 4 || mp4.end() - at < 4) return {};
-    const size_t size = size_t(at[-4]) << 24 | size_t(at[-3]) << 16 | size_t(at[-2]) << 8 | at[-1];
-    return size > size_t(mp4.end() - at) + 4 ? std::vector<uint8_t>{} : std::vector<uint8_t>(at - 4, at - 4 + size);
-}
 
 struct StreamSets {
     HevcVpsRecord vps{};
@@ -62,20 +52,12 @@ std::vector<uint8_t> record(HevcConfigRecord* config, std::vector<uint8_t> vps, 
     return out;
 }
 
-// A box around a record: size, 'hvcC', payload.
-std::vector<uint8_t> boxed(const std::vector<uint8_t>& payload) {
-    const uint32_t size = static_cast<uint32_t>(payload.size() + 8);
-    std::vector<uint8_t> box(size);
-    const uint8_t header[8] = {uint8_t(size >> 24), uint8_t(size >> 16), uint8_t(size >> 8), uint8_t(size), 'h', 'v', 'c', 'C'};
-    std::memcpy(box.data(), header, 8);
-    std::memcpy(box.data() + 8, payload.data(), payload.size());
-    return box;
-}
+std::vector<uint8_t> boxed(const std::vector<uint8_t>& payload) { return qnvtest::boxed(payload, "hvcC"); }
 
 }  // namespace
 
 TEST(HevcConfigRecord, MatchesTheBoxFfmpegMuxed) {
-    std::vector<uint8_t> box = findHvcc(readFixture("main.mp4"));
+    std::vector<uint8_t> box = qnvtest::findBox(readFixture("main.mp4"), "hvcC");
     ASSERT_GT(box.size(), 31u);
     StreamSets stream;
     firstSets("main.265", stream);

@@ -1,5 +1,4 @@
-// Helpers of the HEVC tests: fixture files, parsing a unit, captured
-// diagnostics.
+// Helpers of the HEVC tests: fixture files, parsing and writing a unit.
 #ifndef QNVUTIL_TESTS_HEVC_TEST_UTIL_H
 #define QNVUTIL_TESTS_HEVC_TEST_UTIL_H
 
@@ -15,6 +14,7 @@ namespace hevctest {
 
 using qnvtest::annexBUnits;
 using qnvtest::cat;
+using qnvtest::LogCapture;
 using qnvtest::runCommand;
 using qnvtest::Unit;
 
@@ -40,19 +40,6 @@ std::vector<uint8_t> written(uint32_t (*write)(const Record*, uint8_t*), const R
     out.resize(write(&record, out.data()));
     return out;
 }
-
-// Collects diagnostic lines while alive.
-class LogCapture {
-public:
-    LogCapture() { QxSetLogSink(&LogCapture::sink, this); }
-    ~LogCapture() { QxSetLogSink(nullptr, nullptr); }
-    std::vector<std::string> lines;
-
-private:
-    static void sink(uint32_t, const char* line, void* self) {
-        static_cast<LogCapture*>(self)->lines.push_back(line);
-    }
-};
 
 }  // namespace hevctest
 

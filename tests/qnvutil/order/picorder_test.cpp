@@ -12,7 +12,7 @@
 #include <memory>
 #include <sstream>
 #include <string>
-#include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include "qnvutil/picorder.h"
@@ -102,14 +102,22 @@ Ordered order(const std::vector<AccessUnit>& aus, Call call) {
     return o;
 }
 
-template <class Record>
-void readFirst(const Bytes& s, uint32_t type, bool hevc, Record& r, uint32_t (*read)(BitBuffer*, Record*)) {
-    for (const auto& u : qnvtest::annexBUnits(s))
-        if ((hevc ? u.hevcType() : u.bytes[0] & 31u) == type) {
-            BitBuffer bb{const_cast<uint8_t*>(u.bytes.data()), uint32_t(u.bytes.size()), uint32_t(u.bytes.size() * 8), 0};
-            read(&bb, &r);
-            return;
-        }
+// The first SPS and PPS of an H.264 stream.
+void readH264Sets(const Bytes& s, H264SpsRecord& sps, H264PpsRecord& pps) {
+    bool haveSps = false, havePps = false;
+    for (const auto& u : qnvtest::annexBUnits(s)) {
+        BitBuffer bb{const_cast<uint8_t*>(u.bytes.data()), uint32_t(u.bytes.size()), uint32_t(u.bytes.size() * 8), 0};
+        const uint32_t type = u.bytes[0] & 31u;
+        if (type == 7 && !std::exchange(haveSps, true)) qnvutilRead_SPS(&bb, &sps);
+        if (type == 8 && !std::exchange(havePps, true)) qnvutilRead_PPS(&bb, &pps);
+    }
+}
+
+void readHevcSets(const Bytes& s, HevcSpsRecord& sps, HevcPpsRecord& pps) {
+    for (const auto& u : qnvtest::annexBUnits(s)) {
+        if (u.hevcType() == 33) hevctest::readUnit(qnvutilRead_HEVC_SPS, u.bytes, &sps);
+        if (u.hevcType() == 34) hevctest::readUnit(qnvutilRead_HEVC_PPS, u.bytes, &pps);
+    }
 }
 
 Ordered orderH264(const Bytes& stream, const H264SpsRecord& sps, const H264PpsRecord& pps) {
@@ -128,8 +136,7 @@ TEST(PicOrder, H264FollowsTheDecodersPresentationOrder) {
         const Bytes stream = qnvtest::readData(std::string("h264/slices/") + name + ".264");
         H264SpsRecord sps{};
         H264PpsRecord pps{};
-        readFirst(stream, 7, false, sps, qnvutilRead_SPS);
-        readFirst(stream, 8, false, pps, qnvutilRead_PPS);
+        readH264Sets(stream, sps, pps);
         const auto aus = accessUnits(stream, false);
         const Ordered o = orderH264(stream, sps, pps);
         EXPECT_EQ(o.display, presentationOrder(path, false, aus));
@@ -146,8 +153,7 @@ TEST(PicOrder, H264PocType1FromTheWritersDecodesInTheSameOrder) {
     const Bytes source = qnvtest::readData("h264/slices/pyramid.264");
     H264SpsRecord oldSps{}, sps{};
     H264PpsRecord pps{};
-    readFirst(source, 7, false, oldSps, qnvutilRead_SPS);
-    readFirst(source, 8, false, pps, qnvutilRead_PPS);
+    readH264Sets(source, oldSps, pps);
     const Ordered original = orderH264(source, oldSps, pps);
     sps = oldSps;
     sps.pic_order_cnt_type = 1;
@@ -198,15 +204,8 @@ TEST(PicOrder, H264PocType1FromTheWritersDecodesInTheSameOrder) {
         EXPECT_EQ(poc, original.pocs[i]) << "unit " << i;
         out.insert(out.end(), au.begin(), au.end());
     }
-    char path[] = "/tmp/qnv_poc1XXXXXX";
-    const int fd = mkstemp(path);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(write(fd, out.data(), out.size()), static_cast<ssize_t>(out.size()));
-    close(fd);
-    const auto rewritten = accessUnits(out, false);
-    const auto shown = presentationOrder(path, false, rewritten);
-    unlink(path);
-    EXPECT_EQ(shown, original.display);
+    const qnvtest::TempFile file(out);
+    EXPECT_EQ(presentationOrder(file.path(), false, accessUnits(out, false)), original.display);
     EXPECT_EQ(orderH264(out, sps, pps).display, original.display);
 }
 
@@ -218,10 +217,7 @@ TEST(PicOrder, HevcFollowsTheDecodersPresentationOrderAcrossCras) {
         const Bytes stream = qnvtest::readData(std::string("hevc/slices/") + name + ".265");
         auto sps = std::make_unique<HevcSpsRecord>();
         HevcPpsRecord pps{};
-        for (const auto& u : qnvtest::annexBUnits(stream)) {
-            if (u.hevcType() == 33) hevctest::readUnit(qnvutilRead_HEVC_SPS, u.bytes, sps.get());
-            if (u.hevcType() == 34) hevctest::readUnit(qnvutilRead_HEVC_PPS, u.bytes, &pps);
-        }
+        readHevcSets(stream, *sps, pps);
         const auto aus = accessUnits(stream, true);
         const Ordered o = order(aus, [&](PicOrderState& st, const Bytes& au, int32_t* poc) {
             return qnvutilPicOrderCountHevc(&st, au.data(), au.size(), 0, sps.get(), &pps, poc);
@@ -238,10 +234,9 @@ TEST(PicOrder, HevcRaslPicturesOfAStartingCraAreNotOutput) {
     auto sps = std::make_unique<HevcSpsRecord>();
     HevcPpsRecord pps{};
     Bytes cut;
+    readHevcSets(stream, *sps, pps);
     for (const auto& u : qnvtest::annexBUnits(stream)) {
         if (u.hevcType() < 32 || u.hevcType() > 34) continue;
-        if (u.hevcType() == 33) hevctest::readUnit(qnvutilRead_HEVC_SPS, u.bytes, sps.get());
-        if (u.hevcType() == 34) hevctest::readUnit(qnvutilRead_HEVC_PPS, u.bytes, &pps);
         cut.insert(cut.end(), {0, 0, 0, 1});
         cut.insert(cut.end(), u.bytes.begin(), u.bytes.end());
     }
@@ -254,14 +249,9 @@ TEST(PicOrder, HevcRaslPicturesOfAStartingCraAreNotOutput) {
         ++cra;
     ASSERT_LT(cra, aus.size());
     for (size_t i = cra; i < aus.size(); ++i) cut.insert(cut.end(), aus[i].bytes.begin(), aus[i].bytes.end());
-    char path[] = "/tmp/qnv_craXXXXXX";
-    const int fd = mkstemp(path);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(write(fd, cut.data(), cut.size()), static_cast<ssize_t>(cut.size()));
-    close(fd);
+    const qnvtest::TempFile file(cut);
     const auto cutUnits = accessUnits(cut, true);
-    const auto shown = presentationOrder(path, true, cutUnits);
-    unlink(path);
+    const auto shown = presentationOrder(file.path(), true, cutUnits);
     const Ordered o = order(cutUnits, [&](PicOrderState& st, const Bytes& au, int32_t* poc) {
         return qnvutilPicOrderCountHevc(&st, au.data(), au.size(), 0, sps.get(), &pps, poc);
     });
@@ -274,8 +264,7 @@ TEST(PicOrder, RefusesWhatItCannotReadAndKeepsTheState) {
     const Bytes stream = qnvtest::readData("h264/slices/strict.264");
     H264SpsRecord sps{};
     H264PpsRecord pps{};
-    readFirst(stream, 7, false, sps, qnvutilRead_SPS);
-    readFirst(stream, 8, false, pps, qnvutilRead_PPS);
+    readH264Sets(stream, sps, pps);
     PicOrderState state{};
     state.prevPicOrderCntLsb = 7;
     int32_t poc = 0;

@@ -9,9 +9,6 @@ namespace nal = qnv::nal;
 
 namespace {
 
-const Bytes kAud = {0, 0, 0, 1, 0x09, 0x10}, kSps = {0, 0, 0, 1, 0x67, 0x42, 0x00, 0x1E},
-            kPps = {0, 0, 0, 1, 0x68, 0xCE, 0x38, 0x80}, kSlice = {0, 0, 0, 1, 0x65, 0x88, 0x84, 0x21};
-
 H264SpsRecord spsWith(bool nalHrd, bool vclHrd, int32_t timeOffsetLength = 0) {
     H264SpsRecord s{};
     s.vui_parameters_present_flag = 1;

@@ -10,9 +10,6 @@ using qnv::validateCaptionPacket;
 
 namespace {
 
-const Bytes kAud = {0, 0, 0, 1, 0x09, 0x10}, kSps = {0, 0, 0, 1, 0x67, 0x42, 0x00, 0x1E},
-            kPps = {0, 0, 0, 1, 0x68, 0xCE, 0x38, 0x80}, kSlice = {0, 0, 0, 1, 0x65, 0x88, 0x84, 0x21};
-
 // The H.264 SEI for `p`: start code or length, NAL header, payload, 0x80.
 Bytes avcSei(const Bytes& p, uint32_t captionBytes, bool lengthPrefixed) {
     Bytes sei = lengthPrefixed ? Bytes{0, 0, 0, 0} : Bytes{0, 0, 1};

@@ -7,22 +7,7 @@ using namespace seitest;
 
 namespace {
 
-const Bytes kAud = {0, 0, 0, 1, 0x09, 0x10}, kSps = {0, 0, 0, 1, 0x67, 0x42, 0x00, 0x1E},
-            kPps = {0, 0, 0, 1, 0x68, 0xCE, 0x38, 0x80}, kSlice = {0, 0, 0, 1, 0x65, 0x88, 0x84, 0x21};
 const Bytes kHevcParams = {0, 0, 0, 1, 0x40, 0x01, 0x0C, 0}, kHevcIdr = {0, 0, 0, 1, 0x26, 0x01, 0xAF, 0x05};
-
-// A caption packet carrying `triplets` (three bytes each), counters and
-// checksum set.
-Bytes packetOf(const Bytes& triplets) {
-    Bytes p = packet(0);
-    p.insert(p.begin() + 16, triplets.begin(), triplets.end());
-    p[15] = static_cast<uint8_t>(0xE0 | (triplets.size() / 3));
-    p[6] = p[9] = static_cast<uint8_t>(p.size() - 7);
-    uint8_t sum = 0;
-    for (size_t i = 7; i + 1 < p.size(); ++i) sum = static_cast<uint8_t>(sum + p[i]);
-    p.back() = static_cast<uint8_t>(0x100 - sum);
-    return p;
-}
 
 std::vector<uint32_t> words(const Bytes& triplets, size_t count) {
     std::vector<uint32_t> w;

@@ -9,8 +9,8 @@ using namespace seitest;
 
 namespace {
 
-const Bytes kAud = {0, 0, 0, 1, 0x46, 0x01, 0x50}, kVps = {0, 0, 0, 1, 0x40, 0x01, 0x0C, 0x01},
-            kSlice = {0, 0, 0, 1, 0x26, 0x01, 0xAF, 0x09};
+const Bytes kHevcAud = {0, 0, 0, 1, 0x46, 0x01, 0x50}, kVps = {0, 0, 0, 1, 0x40, 0x01, 0x0C, 0x01},
+            kHevcSlice = {0, 0, 0, 1, 0x26, 0x01, 0xAF, 0x09};
 
 // The time code SEI NAL unit, from its syntax written out bit by bit.
 Bytes timeCodeSei(uint32_t hh, uint32_t mm, uint32_t ss, uint32_t ff, bool dropped) {
@@ -45,13 +45,13 @@ TEST_F(HevcTimeCode, ClockTimestampGoesInFrontOfTheFirstPrefixSeiOrBehindTheDeli
         uint32_t timecode, type;
         Bytes expected;
     } rows[] = {
-        {kSlice, count("01:02:03;04", 4), 4, cat({timeCodeSei(1, 2, 3, 4, true), kSlice})},
-        {kSlice, count("10:59:59:24", 8), 8, cat({timeCodeSei(10, 59, 59, 24, false), kSlice})},
-        {kSlice, 0, 2, cat({zero, kSlice})},
-        {cat({kVps, other, kSlice}), 32, 32, cat({kVps, timeCodeSei(0, 0, 0, 16, true), other, kSlice})},  // 16 pairs
-        {cat({kAud, kSlice}), tc, 4, cat({kAud, sei, kSlice})},
-        {cat({kAud, sei, kSlice}), tc, 4, cat({kAud, sei, kSlice})},  // already carries a time code
-        {cat({sei, kSlice}), tc, 4, cat({sei, kSlice})},
+        {kHevcSlice, count("01:02:03;04", 4), 4, cat({timeCodeSei(1, 2, 3, 4, true), kHevcSlice})},
+        {kHevcSlice, count("10:59:59:24", 8), 8, cat({timeCodeSei(10, 59, 59, 24, false), kHevcSlice})},
+        {kHevcSlice, 0, 2, cat({zero, kHevcSlice})},
+        {cat({kVps, other, kHevcSlice}), 32, 32, cat({kVps, timeCodeSei(0, 0, 0, 16, true), other, kHevcSlice})},  // 16 pairs
+        {cat({kHevcAud, kHevcSlice}), tc, 4, cat({kHevcAud, sei, kHevcSlice})},
+        {cat({kHevcAud, sei, kHevcSlice}), tc, 4, cat({kHevcAud, sei, kHevcSlice})},  // already carries a time code
+        {cat({sei, kHevcSlice}), tc, 4, cat({sei, kHevcSlice})},
         {cut, tc, 4, cat({cut, sei})},  // shorter than the delimiter: SEI at its end
         {cat({kVps, seiHeaderOnly}), tc, 4, cat({kVps, sei, seiHeaderOnly})},  // ends before its payloadType
     };
@@ -68,12 +68,12 @@ TEST_F(HevcTimeCode, ClockTimestampGoesInFrontOfTheFirstPrefixSeiOrBehindTheDeli
 }
 
 TEST_F(HevcTimeCode, FrameWithoutRoomIsReportedAndLeftUnchanged) {
-    Bytes buffer(kSlice.size() + 15);
-    DFrame f = frameOver(buffer, kSlice);
+    Bytes buffer(kHevcSlice.size() + 15);
+    DFrame f = frameOver(buffer, kHevcSlice);
     f.frameTimecode = 100;
     f.frameCapacity -= 1;  // the SEI is 15 bytes
     EXPECT_EQ(qnvutilAddHEVCTimeCode(&f, 2), 0);
-    EXPECT_EQ(contents(f), kSlice);
+    EXPECT_EQ(contents(f), kHevcSlice);
     ASSERT_EQ(log.size(), 1u);
     EXPECT_EQ(log[0].rfind("No room for time code SEI in DFrame qnvutil/qnvvidutil ", 0), 0u) << log[0];
     f.frameCapacity += 1;
