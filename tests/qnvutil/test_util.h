@@ -73,8 +73,8 @@ inline std::vector<uint8_t> findBox(const std::vector<uint8_t>& mp4, const char*
 // A box of type `tag` around `payload`.
 inline std::vector<uint8_t> boxed(const std::vector<uint8_t>& payload, const char* tag) {
     const uint32_t size = static_cast<uint32_t>(payload.size() + 8);
-    std::vector<uint8_t> box = {uint8_t(size >> 24), uint8_t(size >> 16), uint8_t(size >> 8), uint8_t(size)};
-    box.insert(box.end(), tag, tag + 4);
+    std::vector<uint8_t> box = {uint8_t(size >> 24), uint8_t(size >> 16), uint8_t(size >> 8), uint8_t(size),
+                                uint8_t(tag[0]),     uint8_t(tag[1]),     uint8_t(tag[2]),    uint8_t(tag[3])};
     box.insert(box.end(), payload.begin(), payload.end());
     return box;
 }
