@@ -29,8 +29,7 @@ constexpr uint8_t kGuardByte = 0xA5;
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static bool quiet = (QxSetLogSink([](uint32_t, const char*, void*) {}, nullptr), true);
-    (void)quiet;
+    fuzzinput::quietLog();
     if (size < 3 || size > (1 << 16)) return 0;
     const uint8_t selector = data[0];
     const uint32_t tcType = data[1];

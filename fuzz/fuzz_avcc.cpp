@@ -8,6 +8,7 @@
 #include <memory>
 #include <vector>
 
+#include "fuzz/fuzz_input.h"
 #include "qnvutil/h264.h"
 #include "qnvutil/qxutil.h"
 
@@ -19,8 +20,7 @@ struct Records {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static bool quiet = (QxSetLogSink([](uint32_t, const char*, void*) {}, nullptr), true);
-    (void)quiet;
+    fuzzinput::quietLog();
     if (size < 1 || size > (1 << 16)) return 0;
     const uint8_t mode = data[0];
     std::vector<uint8_t> box(data + 1, data + size);

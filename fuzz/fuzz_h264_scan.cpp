@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "fuzz/fuzz_guard.h"
+#include "fuzz/fuzz_input.h"
 #include "qnvutil/h264.h"
 #include "qnvutil/qxutil.h"
 
@@ -41,8 +42,7 @@ struct Records {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static bool quiet = (QxSetLogSink([](uint32_t, const char*, void*) {}, nullptr), true);
-    (void)quiet;
+    fuzzinput::quietLog();
     if (size < 2 || size > (1 << 16)) return 0;
     const uint8_t mode = data[0];
     Guarded frame(size - 1), spsOut(mode % 64), ppsOut(mode / 4 % 64);

@@ -16,6 +16,7 @@
 
 #include <sanitizer/asan_interface.h>
 
+#include "fuzz/fuzz_input.h"
 #include "qnvutil/hevc.h"
 #include "qnvutil/qxutil.h"
 
@@ -64,8 +65,7 @@ Outcome run(const std::vector<uint8_t>& source, uint32_t flags, uint32_t secondF
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static bool quiet = (QxSetLogSink([](uint32_t, const char*, void*) {}, nullptr), true);
-    (void)quiet;
+    fuzzinput::quietLog();
     if (size < 5 || size > (1 << 16)) return 0;
     const uint8_t flags = data[0];
     const uint32_t secondField = uint32_t(data[1]) << 8 | data[2];

@@ -7,7 +7,16 @@
 #include <cstdint>
 #include <vector>
 
+#include "qnvutil/qxutil.h"
+
 namespace fuzzinput {
+
+// Drops the library's diagnostics (once per process): inputs that make it
+// complain would flood the run's output.
+inline void quietLog() {
+    static const bool quiet = (QxSetLogSink([](uint32_t, const char*, void*) {}, nullptr), true);
+    (void)quiet;
+}
 
 // The next part; empty when fewer than two bytes are left.
 inline std::vector<uint8_t> take(const uint8_t*& data, size_t& size) {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "fuzz/fuzz_guard.h"
+#include "fuzz/fuzz_input.h"
 #include "qnvutil/h264.h"
 #include "qnvutil/qxutil.h"
 
@@ -54,8 +55,7 @@ Outcome run(const std::vector<uint8_t>& units, const uint8_t* content, uint32_t 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static bool quiet = (QxSetLogSink([](uint32_t, const char*, void*) {}, nullptr), true);
-    (void)quiet;
+    fuzzinput::quietLog();
     if (size < 5 || size > (1 << 16)) return 0;
     const uint8_t selector = data[0];
     const uint32_t slack = uint32_t(data[1]) << 8 | data[2];

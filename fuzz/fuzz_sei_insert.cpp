@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "fuzz/fuzz_guard.h"
+#include "fuzz/fuzz_input.h"
 #include "qnvutil/qxutil.h"
 #include "qnvutil/sei.h"
 
@@ -98,8 +99,7 @@ Outcome run(uint8_t op, uint8_t param, const std::vector<uint8_t>& packet, uint3
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static bool quiet = (QxSetLogSink([](uint32_t, const char*, void*) {}, nullptr), true);
-    (void)quiet;
+    fuzzinput::quietLog();
     if (size < 6 || size > (1 << 16)) return 0;
     const uint8_t selector = data[0];
     const uint32_t slack = uint32_t(data[1]) << 8 | data[2];

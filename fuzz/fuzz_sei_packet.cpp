@@ -3,12 +3,12 @@
 #include <cstdint>
 #include <vector>
 
+#include "fuzz/fuzz_input.h"
 #include "qnvutil/qxutil.h"
 #include "qnvutil/sei/caption_packet.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static bool quiet = (QxSetLogSink([](uint32_t, const char*, void*) {}, nullptr), true);
-    (void)quiet;
+    fuzzinput::quietLog();
     if (size > 4096) return 0;
     std::vector<uint8_t> packet(data, data + size);  // exact size: overreads are caught
     int32_t r = qnv::validateCaptionPacket(packet.empty() ? nullptr : packet.data(), static_cast<uint32_t>(size));
