@@ -67,6 +67,19 @@ Bytes randomFrame(std::mt19937& rng, bool longUnits = false) {
     return f;
 }
 
+// The conversion on every instruction set the processor has gives the
+// model's result and bytes.
+void expectEveryVariant(const Bytes& frame, uint32_t expected, const Bytes& model) {
+    for (auto v : {qnv::ScanVariant::kPortable, qnv::ScanVariant::kSse2, qnv::ScanVariant::kAvx2,
+                   qnv::ScanVariant::kAvx512}) {
+        if (!qnv::ScanVariantAvailable(v)) continue;
+        Bytes b = frame;
+        b.resize(model.size(), 0);
+        ASSERT_EQ(qnv::h264ConvertWith(v, b.data(), static_cast<uint32_t>(frame.size()), 0xFFFFFFFEu), expected);
+        ASSERT_EQ(b, model) << static_cast<int>(v);
+    }
+}
+
 }  // namespace
 
 TEST(H264Framing, MarkerToSizeMatchesTheStepByStepWalk) {
@@ -86,18 +99,13 @@ TEST(H264Framing, MarkerToSizeMatchesTheStepByStepWalk) {
         ASSERT_EQ(qnvUtilh264MarkerToSizeChecked(checked.data(), size, expected), expected);
         ASSERT_EQ(checked, model);
         // So does every instruction set the processor has.
-        for (auto v : {qnv::ScanVariant::kPortable, qnv::ScanVariant::kSse2, qnv::ScanVariant::kAvx2}) {
-            if (!qnv::ScanVariantAvailable(v)) continue;
-            Bytes generic = frame;
-            generic.resize(size * 2 + 8, 0);
-            ASSERT_EQ(qnv::h264ConvertWith(v, generic.data(), size, 0xFFFFFFFEu), expected);
-            ASSERT_EQ(generic, model);
-        }
+        ASSERT_NO_FATAL_FAILURE(expectEveryVariant(frame, expected, model));
     }
 }
 
 TEST(H264Framing, MarkerToSizeWithMoreCodesThanThePlanKeeps) {
-    // Beyond the positions pass one records, pass two finds the codes again.
+    // Beyond the positions pass one records, pass two finds the codes again,
+    // on every instruction set.
     std::mt19937 rng(3);
     for (int round = 0; round < 6; ++round) {
         Bytes frame;
@@ -114,6 +122,7 @@ TEST(H264Framing, MarkerToSizeWithMoreCodesThanThePlanKeeps) {
         const uint32_t expected = modelMarkerToSize(model, size);
         ASSERT_EQ(qnvUtilh264MarkerToSize(fast.data(), size), expected);
         ASSERT_EQ(fast, model) << round;
+        ASSERT_NO_FATAL_FAILURE(expectEveryVariant(frame, expected, model)) << round;
     }
 }
 
