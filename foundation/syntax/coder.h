@@ -99,21 +99,21 @@ public:
     explicit ReadCoder(BitBuffer* bb, FieldSink* sink = nullptr, uint32_t origin = 0) : CoderBase(bb, sink, origin) {}
 
     template <Word W>
-    uint32_t u(uint32_t n, W& f, Name name, Bounds b = {}) {
+    [[gnu::always_inline]] uint32_t u(uint32_t n, W& f, Name name, Bounds b = {}) {
         const uint32_t v = fixed(n, name, true);
         f = static_cast<W>(v);
         check(v, b);
         return v;
     }
     template <Word W>
-    uint32_t ue(W& f, Name name, Bounds b = {}) {
+    [[gnu::always_inline]] uint32_t ue(W& f, Name name, Bounds b = {}) {
         const uint32_t v = code(name, true);
         f = static_cast<W>(v);
         check(v, b);
         return v;
     }
     template <Word W>
-    int32_t se(W& f, Name name, Bounds b = {}) {
+    [[gnu::always_inline]] int32_t se(W& f, Name name, Bounds b = {}) {
         const int32_t v = signedCode(name, true);
         f = static_cast<W>(v);
         check(v, b);
@@ -139,7 +139,7 @@ public:
 
 private:
     // The sink sees the element after it was read, at its first bit.
-    uint32_t fixed(uint32_t n, const Name& name, bool kept) {
+    [[gnu::always_inline]] uint32_t fixed(uint32_t n, const Name& name, bool kept) {
         const uint32_t at = bb_->bitPos;
         const uint32_t v = ReadBits(bb_, n);
         note(at, name, v, static_cast<int32_t>(n), kept);
@@ -156,7 +156,7 @@ private:
     void checkLength(uint32_t at) {
         if (bb_->bitPos - at > 63) ++outOfRange_;
     }
-    uint32_t code(const Name& name, bool kept) {
+    [[gnu::always_inline]] uint32_t code(const Name& name, bool kept) {
         const uint32_t at = bb_->bitPos;
         const uint32_t v = ReadExponentialGolombCode(bb_);
         checkLength(at);

@@ -53,6 +53,8 @@ void judgeEnd(const UnitKind& kind, BitBuffer* bb, uint32_t callerBits) {
            static_cast<int>(callerBits), static_cast<unsigned>(bits), static_cast<unsigned>(bits >> 32));
 }
 
+constexpr uint32_t kStackScratch = 2048;
+
 // The common frame of the three readers. `payload(coder, localBits)` parses
 // the RBSP after the NAL header; `finish()` runs the end-of-unit merges.
 template <class Payload, class Finish>
@@ -65,12 +67,18 @@ uint32_t readUnit(const UnitKind& kind, BitBuffer* reader, bool haveRecord, uint
     // allocated for); the rest of the unit reads as zeros
     const uint32_t available = reader->sizeBytes > first ? reader->sizeBytes - first : 0;
     const uint32_t bytes = atMost(callerBits / 8, available);
-    // Twice the unit, plus the spare bytes the bit reader may look at.
+    // Twice the unit, plus the spare bytes the bit reader may look at: on
+    // the stack for the usual sizes, else one heap block.
     const uint32_t scratchSize = 2 * bytes + 8;
-    auto* scratch = static_cast<uint8_t*>(QxAlloc(scratchSize));
+    uint8_t onStack[kStackScratch];
+    uint8_t* const scratch = scratchSize <= kStackScratch ? onStack : static_cast<uint8_t*>(QxAlloc(scratchSize));
     if (scratch == nullptr) return 0xFFFFFFFFu;
-    std::memset(scratch, 0, scratchSize);
+    struct Release {
+        uint8_t* block;
+        ~Release() { QxFree(block); }
+    } release{scratch == onStack ? nullptr : scratch};
     std::memcpy(scratch, reader->data + first, bytes);
+    std::memset(scratch + bytes, 0, scratchSize - bytes);
 
     uint32_t removed = 0;
     if (callerBits / 8 > kind.unescapeAbove)
@@ -82,19 +90,16 @@ uint32_t readUnit(const UnitKind& kind, BitBuffer* reader, bool haveRecord, uint
     if (type != kind.type) {
         reportWrongType(kind, type);
         reader->bitPos = local.bitPos;
-        QxFree(scratch);
         return 0xFFFFFFFFu;
     }
     local.bitPos = 16;  // nuh_layer_id and nuh_temporal_id_plus1 are not checked
     ReadCoder coder(&local);
     if (payload(coder, local.sizeBits) == Parse::kFatal) {
         reader->bitPos = local.bitPos;
-        QxFree(scratch);
         return 0xFFFFFFFFu;
     }
     judgeEnd(kind, &local, callerBits);
     finish();
-    QxFree(scratch);
     reader->bitPos += callerBits;
     return local.bitPos / 8;
 }
