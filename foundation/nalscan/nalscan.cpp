@@ -34,11 +34,32 @@ inline UnitBounds findUnit(const uint8_t* buf, uint32_t size) {
     return UnitBounds{start, findFirst<Isa, true>(buf, start, size)};
 }
 
+// A step of a walk, kept small so that it needs no saved registers: the
+// unit starts right at buf and ends inside the 64 positions after its start
+// code, all read in place. nullopt-like {1, 0} when the full search must
+// decide (kNoUnit is never a step's answer).
+template <class Isa>
+inline UnitBounds stepUnit(const uint8_t* buf, uint32_t size) {
+    // guard: the block after a four-byte code lies inside the buffer
+    if (size < kBlock + 6 || buf[0] != 0 || buf[1] != 0) return kNoUnit;
+    const uint32_t start = buf[2] == 1 ? 3 : buf[2] == 0 && buf[3] == 1 ? 4 : 0;
+    if (start == 0) return kNoUnit;
+    const uint64_t ends = Isa::pairs(buf + start) & Isa::template thirds<true>(buf + start);
+    if (ends == 0) return kNoUnit;
+    return UnitBounds{start, start + static_cast<uint32_t>(__builtin_ctzll(ends))};
+}
+
 using Kernels = NalUnitWalker::Kernels;
 
 // The kernels of one instruction set, each compiled for it.
 #define QNV_SCAN_KERNELS(Isa, attributes)                                                                  \
-    attributes UnitBounds unit##Isa(const uint8_t* buf, uint32_t size) { return findUnit<Isa>(buf, size); } \
+    attributes __attribute__((noinline)) UnitBounds search##Isa(const uint8_t* buf, uint32_t size) {        \
+        return findUnit<Isa>(buf, size);                                                                \
+    }                                                                                                   \
+    attributes UnitBounds unit##Isa(const uint8_t* buf, uint32_t size) {                                \
+        const UnitBounds step = stepUnit<Isa>(buf, size);                                               \
+        return step.found() ? step : search##Isa(buf, size);                                            \
+    }                                                                                                   \
     attributes uint32_t code##Isa(const uint8_t* buf, uint32_t from, uint32_t size) {                     \
         return findFirst<Isa, false>(buf, from, size);                                                  \
     }                                                                                                   \

@@ -226,7 +226,10 @@ uint32_t qnvutilRead_HEVC_VPS(BitBuffer* reader, HevcVpsRecord* record, HevcConf
         [&](ReadCoder& c, uint32_t localBits) { return vpsPayload(c, *record, config, localBits); }, [] {});
 }
 
-uint32_t qnvutilRead_HEVC_SPS(BitBuffer* reader, HevcSpsRecord* record, HevcConfigRecord* config, uint32_t bitLength) {
+// Flattened: with the description inlined whole, an SPS reads about a fifth
+// faster than through a call per structure (bench_paramsets).
+[[gnu::flatten]] uint32_t qnvutilRead_HEVC_SPS(BitBuffer* reader, HevcSpsRecord* record, HevcConfigRecord* config,
+                                               uint32_t bitLength) {
     return readUnit(
         kSps, reader, record != nullptr, bitLength,
         [&](ReadCoder& c, uint32_t) { return spsPayload(c, *record, config); },
