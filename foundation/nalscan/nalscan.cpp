@@ -36,8 +36,8 @@ inline UnitBounds findUnit(const uint8_t* buf, uint32_t size) {
 
 // A step of a walk, kept small so that it needs no saved registers: the
 // unit starts right at buf and ends inside the 64 positions after its start
-// code, all read in place. nullopt-like {1, 0} when the full search must
-// decide (kNoUnit is never a step's answer).
+// code, all read in place. kNoUnit when the full search must decide (it is
+// never the answer for such a unit).
 template <class Isa>
 inline UnitBounds stepUnit(const uint8_t* buf, uint32_t size) {
     // guard: the block after a four-byte code lies inside the buffer
