@@ -44,6 +44,19 @@ inline void putBit(BitBuffer* bb, uint32_t bit) {
     bb->data[index] = static_cast<uint8_t>((bb->data[index] & ~mask) | (bit ? mask : 0));
 }
 
+// Bits [offset, offset + n) of the big-endian eight-byte word at p become
+// the low n bits of v (1 <= n, offset + n <= 64).
+inline void putWordBits(uint8_t* p, uint32_t offset, uint32_t n, uint64_t v) {
+    uint64_t w;
+    std::memcpy(&w, p, sizeof w);
+    w = __builtin_bswap64(w);
+    const uint32_t shift = 64 - offset - n;
+    const uint64_t mask = (~uint64_t(0) >> (64 - n)) << shift;
+    w = (w & ~mask) | ((v << shift) & mask);
+    w = __builtin_bswap64(w);
+    std::memcpy(p, &w, sizeof w);
+}
+
 // True when the n bits from bitPos all lie at or below sizeBits and inside
 // the buffer, so they can be gathered byte-wise.
 inline bool allInMemory(const BitBuffer* bb, uint32_t n) {
@@ -331,19 +344,23 @@ void WriteBits(void* buffer, uint32_t n, int32_t value) {
     auto* bb = static_cast<BitBuffer*>(buffer);
     if (static_cast<int32_t>(n) <= 0) return;
     uint32_t v = static_cast<uint32_t>(value);
-    // Up to 32 bits into a known buffer with eight bytes at the position:
-    // one read-modify-write of those bytes, the bits around left as they are.
-    const uint32_t index = bb->bitPos >> 3;
-    // guard: the eight bytes rewritten must lie inside a buffer of known size
-    if (n <= 32 && bb->sizeBytes >= 8 && index <= bb->sizeBytes - 8) {
-        uint64_t w;
-        std::memcpy(&w, bb->data + index, sizeof w);
-        w = __builtin_bswap64(w);
-        const uint32_t shift = 64 - (bb->bitPos & 7) - n;  // at least 25
-        const uint64_t mask = ((uint64_t(1) << n) - 1) << shift;
-        w = (w & ~mask) | ((uint64_t(v) << shift) & mask);
-        w = __builtin_bswap64(w);
-        std::memcpy(bb->data + index, &w, sizeof w);
+    // Up to 32 bits into a known buffer: a read-modify-write of the one or
+    // two eight-byte words (counted from the buffer's start) that hold them,
+    // the bits around left as they are. Whole words at fixed places let each
+    // load take the value of the store before it, where a load at every
+    // byte position would wait for that store to reach the cache.
+    const uint64_t word = uint64_t(bb->bitPos >> 6) * 8;
+    const uint32_t offset = bb->bitPos & 63;
+    const uint32_t words = offset + n > 64 ? 2 : 1;
+    // guard: the words rewritten must lie inside a buffer of known size
+    if (n <= 32 && bb->sizeBytes != 0 && word + 8 * words <= bb->sizeBytes) {
+        if (words == 1) {
+            putWordBits(bb->data + word, offset, n, v);
+        } else {
+            const uint32_t low = offset + n - 64;
+            putWordBits(bb->data + word, offset, n - low, v >> low);
+            putWordBits(bb->data + word + 8, 0, low, v);
+        }
         bb->bitPos += n;
         return;
     }

@@ -159,8 +159,9 @@ TEST(BitWriter, RandomCodesReadBack) {
 }
 
 TEST(BitWriter, WordWritesMatchBitByBitWrites) {
-    // With a known size, WriteBits writes whole words when eight bytes lie at
-    // the position; the bytes must be those of the bit-by-bit writes.
+    // With a known size, WriteBits rewrites the whole eight-byte words that
+    // hold the bits when they lie inside (one, or two where the bits cross a
+    // word's end); the bytes must be those of the bit-by-bit writes.
     std::mt19937 rng(13);
     for (int round = 0; round < 3000; ++round) {
         std::vector<uint8_t> fast(24), model(24);
