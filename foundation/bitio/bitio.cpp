@@ -44,19 +44,6 @@ inline void putBit(BitBuffer* bb, uint32_t bit) {
     bb->data[index] = static_cast<uint8_t>((bb->data[index] & ~mask) | (bit ? mask : 0));
 }
 
-// Bits [offset, offset + n) of the big-endian eight-byte word at p become
-// the low n bits of v (1 <= n, offset + n <= 64).
-inline void putWordBits(uint8_t* p, uint32_t offset, uint32_t n, uint64_t v) {
-    uint64_t w;
-    std::memcpy(&w, p, sizeof w);
-    w = __builtin_bswap64(w);
-    const uint32_t shift = 64 - offset - n;
-    const uint64_t mask = (~uint64_t(0) >> (64 - n)) << shift;
-    w = (w & ~mask) | ((v << shift) & mask);
-    w = __builtin_bswap64(w);
-    std::memcpy(p, &w, sizeof w);
-}
-
 // True when the n bits from bitPos all lie at or below sizeBits and inside
 // the buffer, so they can be gathered byte-wise.
 inline bool allInMemory(const BitBuffer* bb, uint32_t n) {
@@ -152,16 +139,17 @@ void WriteSignedExponentialGolombCode(BitBuffer* bb, int32_t value) {
 }
 
 uint8_t* EmitNalUnit(BitBuffer* scratch, BitBuffer* out, uint32_t sizeIndex, uint8_t lengthPrefix) {
-    if ((scratch->bitPos & 7) != 0) {
-        putBit(scratch, 1);
-        while ((scratch->bitPos & 7) != 0) putBit(scratch, 0);
-    }
+    // A 1 bit and 0 bits up to the next byte boundary (a whole 80 when aligned).
+    auto closeByte = [&] {
+        const uint32_t n = 8 - (scratch->bitPos & 7);
+        writeBits(scratch, n, 1u << (n - 1));
+    };
+    if ((scratch->bitPos & 7) != 0) closeByte();
     uint32_t count = scratch->bitPos >> 3;
+    closeByte();
     // guard: the size byte must lie inside the written RBSP
     if (sizeIndex != 0xFFFFFFFFu && sizeIndex < count && byteInBuffer(scratch, sizeIndex))
         scratch->data[sizeIndex] = static_cast<uint8_t>(count - sizeIndex - 1);
-    putBit(scratch, 1);
-    while ((scratch->bitPos & 7) != 0) putBit(scratch, 0);
     count = scratch->bitPos >> 3;
 
     // Bytes past a guarded scratch buffer read as 0, like the rest of the reader.
@@ -344,26 +332,8 @@ void WriteBits(void* buffer, uint32_t n, int32_t value) {
     auto* bb = static_cast<BitBuffer*>(buffer);
     if (static_cast<int32_t>(n) <= 0) return;
     uint32_t v = static_cast<uint32_t>(value);
-    // Up to 32 bits into a known buffer: a read-modify-write of the one or
-    // two eight-byte words (counted from the buffer's start) that hold them,
-    // the bits around left as they are. Whole words at fixed places let each
-    // load take the value of the store before it, where a load at every
-    // byte position would wait for that store to reach the cache.
-    const uint64_t word = uint64_t(bb->bitPos >> 6) * 8;
-    const uint32_t offset = bb->bitPos & 63;
-    const uint32_t words = offset + n > 64 ? 2 : 1;
-    // guard: the words rewritten must lie inside a buffer of known size
-    if (n <= 32 && bb->sizeBytes != 0 && word + 8 * words <= bb->sizeBytes) {
-        if (words == 1) {
-            putWordBits(bb->data + word, offset, n, v);
-        } else {
-            const uint32_t low = offset + n - 64;
-            putWordBits(bb->data + word, offset, n - low, v >> low);
-            putWordBits(bb->data + word + 8, 0, low, v);
-        }
-        bb->bitPos += n;
-        return;
-    }
+    // Up to 32 bits into a known buffer: whole words (bitio.h).
+    if (writeWordBits(bb, n, v)) return;
     for (; n > 32; --n) putBit(bb, v >> 31);  // above 32 bits: value's sign
     if ((bb->bitPos & 7) == 0 && n == 8) {
         uint32_t index = bb->bitPos >> 3;

@@ -63,6 +63,50 @@ inline int32_t readSe(BitBuffer* bb) {
     return (k & 1) ? static_cast<int32_t>((k >> 1) + 1) : static_cast<int32_t>(0u - (k >> 1));
 }
 
+// ---- Writes with an inline fast path -------------------------------------
+//
+// Up to 32 bits into a known buffer: a read-modify-write of the one or two
+// eight-byte words (counted from the buffer's start) that hold them, the
+// bits around left as they are. Whole words at fixed places let each load
+// take the value of the store before it, where a load at every byte
+// position would wait for that store to reach the cache. Everything else
+// goes to the exported WriteBits, whose result the fast path gives exactly.
+
+// Bits [offset, offset + n) of the big-endian eight-byte word at p become
+// the low n bits of v (1 <= n, offset + n <= 64).
+inline void putWordBits(uint8_t* p, uint32_t offset, uint32_t n, uint64_t v) {
+    uint64_t w;
+    __builtin_memcpy(&w, p, sizeof w);
+    w = __builtin_bswap64(w);
+    const uint32_t shift = 64 - offset - n;
+    const uint64_t mask = (~uint64_t(0) >> (64 - n)) << shift;
+    w = (w & ~mask) | ((v << shift) & mask);
+    w = __builtin_bswap64(w);
+    __builtin_memcpy(p, &w, sizeof w);
+}
+
+// True when the fast path wrote the n bits of v.
+inline bool writeWordBits(BitBuffer* bb, uint32_t n, uint32_t v) {
+    const uint64_t word = uint64_t(bb->bitPos >> 6) * 8;
+    const uint32_t offset = bb->bitPos & 63;
+    const uint32_t words = offset + n > 64 ? 2 : 1;
+    // guard: the words rewritten must lie inside a buffer of known size
+    if (n - 1 >= 32 || bb->sizeBytes == 0 || word + 8 * words > bb->sizeBytes) return false;
+    if (words == 1) {
+        putWordBits(bb->data + word, offset, n, v);
+    } else {
+        const uint32_t low = offset + n - 64;
+        putWordBits(bb->data + word, offset, n - low, v >> low);
+        putWordBits(bb->data + word + 8, 0, low, v);
+    }
+    bb->bitPos += n;
+    return true;
+}
+
+inline void writeBits(BitBuffer* bb, uint32_t n, uint32_t v) {
+    if (!writeWordBits(bb, n, v)) ::WriteBits(bb, n, static_cast<int32_t>(v));
+}
+
 // Entry i: number of significant bits of i, entry 0 being 1.
 extern const uint32_t kBitLength[256];
 

@@ -214,7 +214,7 @@ private:
     uint32_t fixed(uint32_t n, uint32_t value, const Name& name, bool kept) {
         const uint32_t v = n >= 32 ? value : value & ((1u << n) - 1u);
         note(bb_->bitPos, name, v, static_cast<int32_t>(n), kept);
-        WriteBits(bb_, n, static_cast<int32_t>(v));
+        writeBits(bb_, n, v);
         return v;
     }
     // Standard ue(v) for every code number up to 2^32 - 2 (the largest a
