@@ -53,9 +53,11 @@ uint32_t findPlace(const uint8_t* data, uint32_t size) {
 [[gnu::flatten]] uint32_t buildTimeCodeSei(uint32_t frameCount, uint32_t tcType, uint8_t* out, uint32_t outSize) {
     const TimecodeFields tc = timecodeFields(frameCount, tcType);
 
-    hevc::TimeCode payload{};
+    // One clock: the others are never read, so only its fields are cleared.
+    hevc::TimeCode payload;
     payload.num_clock_ts = 1;
     hevc::TimeCodeClock& clock = payload.clock[0];
+    clock = {};
     clock.clock_timestamp_flag = 1;
     clock.full_timestamp_flag = 1;
     clock.cnt_dropped_flag = tc.dropFrame;
