@@ -131,10 +131,10 @@ struct Avx512 {
         const __m512i v = _mm512_loadu_si512(p);
         return _mm512_or_si512(v, _mm512_bsrli_epi128(v, 1));
     }
-    __attribute__((target("avx512bw"))) static inline bool mayPair(const uint8_t* p) {
-        const __m512i v = lanePairs(p);
-        return _mm512_testn_epi8_mask(v, v) != 0;
-    }
+    // One chunk is tested as the AVX2 policy does, with a byte mask in a
+    // general register: on processors that split 512-bit work in two, the
+    // mask-register test costs more than it saves on a single chunk.
+    __attribute__((target("avx512bw"))) static inline bool mayPair(const uint8_t* p) { return Avx2::mayPair(p); }
     __attribute__((target("avx512bw"))) static inline bool mayPair2(const uint8_t* p) {
         const __m512i v = _mm512_min_epu8(lanePairs(p), lanePairs(p + kBlock));
         return _mm512_testn_epi8_mask(v, v) != 0;
