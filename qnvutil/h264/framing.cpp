@@ -240,7 +240,7 @@ private:
     bool tail_ = false;         // 00 00 01 in the last three bytes
     // The positions (of the 00 00 01) of the codes from the first three-byte
     // one on, as far as they fit: pass two finds only the others again.
-    static constexpr uint32_t kRecorded = 1024;
+    static constexpr uint32_t kRecorded = 4096;  // 16 KiB of stack
     uint32_t recorded_[kRecorded];
     uint32_t recordedCount_ = 0;
     bool allRecorded_ = true;

@@ -103,17 +103,22 @@ TEST(H264Framing, MarkerToSizeMatchesTheStepByStepWalk) {
     }
 }
 
-TEST(H264Framing, MarkerToSizeWithMoreCodesThanThePlanKeeps) {
-    // Beyond the positions pass one records, pass two finds the codes again,
-    // on every instruction set.
+TEST(H264Framing, MarkerToSizeAroundTheRecordedPositions) {
+    // Pass one records where the first 4,096 codes lie; pass two finds the
+    // codes beyond them again. Frames below and above that room, some with
+    // units of 64 KiB and more between short ones, on every instruction set.
+    struct Case {
+        int units, longEvery;
+    };
     std::mt19937 rng(3);
-    for (int round = 0; round < 6; ++round) {
+    for (const Case c : {Case{3000, 0}, Case{5200, 0}, Case{3000, 700}, Case{4600, 900}}) {
         Bytes frame;
-        for (int u = 0; u < 1500 + round * 300; ++u) {
+        for (int u = 0; u < c.units; ++u) {
             if (rng() % 3 == 0) frame.push_back(0);
             frame.insert(frame.end(), {0, 0, 1});
             static const uint8_t alphabet[] = {0, 0, 1, 3, 0x65, 0xFF, 7, 9};
-            for (int n = rng() % (round < 3 ? 8 : 90); n > 0; --n) frame.push_back(alphabet[rng() % 8]);
+            for (int n = rng() % 40; n > 0; --n) frame.push_back(alphabet[rng() % 8]);
+            if (c.longEvery != 0 && u % c.longEvery == c.longEvery / 2) frame.resize(frame.size() + 66000, 0x5A);
         }
         const uint32_t size = static_cast<uint32_t>(frame.size());
         Bytes model = frame, fast = frame;
@@ -121,8 +126,8 @@ TEST(H264Framing, MarkerToSizeWithMoreCodesThanThePlanKeeps) {
         fast.resize(size * 2 + 8, 0);
         const uint32_t expected = modelMarkerToSize(model, size);
         ASSERT_EQ(qnvUtilh264MarkerToSize(fast.data(), size), expected);
-        ASSERT_EQ(fast, model) << round;
-        ASSERT_NO_FATAL_FAILURE(expectEveryVariant(frame, expected, model)) << round;
+        ASSERT_EQ(fast, model) << c.units;
+        ASSERT_NO_FATAL_FAILURE(expectEveryVariant(frame, expected, model)) << c.units;
     }
 }
 
