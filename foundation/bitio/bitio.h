@@ -72,27 +72,44 @@ inline int32_t readSe(BitBuffer* bb) {
 // position would wait for that store to reach the cache. Everything else
 // goes to the exported WriteBits, whose result the fast path gives exactly.
 
-// Bits [offset, offset + n) of the big-endian eight-byte word at p become
-// the low n bits of v (1 <= n, offset + n <= 64).
-inline void putWordBits(uint8_t* p, uint32_t offset, uint32_t n, uint64_t v) {
+// The big-endian eight-byte word at p, and back.
+inline uint64_t loadWord(const uint8_t* p) {
     uint64_t w;
     __builtin_memcpy(&w, p, sizeof w);
-    w = __builtin_bswap64(w);
-    const uint32_t shift = 64 - offset - n;
-    const uint64_t mask = (~uint64_t(0) >> (64 - n)) << shift;
-    w = (w & ~mask) | ((v << shift) & mask);
+    return __builtin_bswap64(w);
+}
+inline void storeWord(uint8_t* p, uint64_t w) {
     w = __builtin_bswap64(w);
     __builtin_memcpy(p, &w, sizeof w);
 }
 
+// w with bits [offset, offset + n) (from the most significant) replaced by
+// the low n bits of v (1 <= n, offset + n <= 64).
+inline uint64_t mergeWordBits(uint64_t w, uint32_t offset, uint32_t n, uint64_t v) {
+    const uint32_t shift = 64 - offset - n;
+    const uint64_t mask = (~uint64_t(0) >> (64 - n)) << shift;
+    return (w & ~mask) | ((v << shift) & mask);
+}
+
+inline void putWordBits(uint8_t* p, uint32_t offset, uint32_t n, uint64_t v) {
+    storeWord(p, mergeWordBits(loadWord(p), offset, n, v));
+}
+
+// The word fast path applies: 1 to 32 bits whose one or two words lie inside
+// a buffer of known size. Gives the byte offset of the first word.
+inline bool wordsInside(const BitBuffer* bb, uint32_t n, uint64_t* word) {
+    *word = uint64_t(bb->bitPos >> 6) * 8;
+    const uint32_t words = (bb->bitPos & 63) + n > 64 ? 2 : 1;
+    // guard: the words rewritten must lie inside a buffer of known size
+    return n - 1 < 32 && bb->sizeBytes != 0 && *word + 8 * words <= bb->sizeBytes;
+}
+
 // True when the fast path wrote the n bits of v.
 inline bool writeWordBits(BitBuffer* bb, uint32_t n, uint32_t v) {
-    const uint64_t word = uint64_t(bb->bitPos >> 6) * 8;
+    uint64_t word;
+    if (!wordsInside(bb, n, &word)) return false;
     const uint32_t offset = bb->bitPos & 63;
-    const uint32_t words = offset + n > 64 ? 2 : 1;
-    // guard: the words rewritten must lie inside a buffer of known size
-    if (n - 1 >= 32 || bb->sizeBytes == 0 || word + 8 * words > bb->sizeBytes) return false;
-    if (words == 1) {
+    if (offset + n <= 64) {
         putWordBits(bb->data + word, offset, n, v);
     } else {
         const uint32_t low = offset + n - 64;

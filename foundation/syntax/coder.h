@@ -196,13 +196,13 @@ public:
     uint64_t u48(const W& lo, const W& hi, Name name) {
         const uint64_t v = (uint64_t(static_cast<uint32_t>(hi)) << 32 | static_cast<uint32_t>(lo)) & 0xFFFFFFFFFFFFull;
         note(bb_->bitPos, name, static_cast<int64_t>(v), 48, true);
-        WriteBits64(bb_, 48, v);
+        write64(48, v);
         return v;
     }
     uint32_t skip(uint32_t n, uint32_t value, Name name) { return fixed(n, value, name, false); }
     uint64_t skip64(uint32_t n, uint64_t value, Name name) {
         note(bb_->bitPos, name, static_cast<int64_t>(value), static_cast<int32_t>(n), false);
-        WriteBits64(bb_, n, value);
+        write64(n, value);
         return value;
     }
     uint32_t skipUe(uint32_t value, Name name) { return code(value, name, false); }
@@ -211,10 +211,41 @@ public:
     void derive(const W&, uint32_t) {}
 
 private:
+    // n bits of v. The word the last write left is kept here with its place:
+    // a write that goes on from there takes it rather than loading it back,
+    // which would wait for the store before. A write that is not the next
+    // one (bitPos moved by other means) loads the word again.
+    void put(uint32_t n, uint32_t v) {
+        uint64_t at;
+        if (!wordsInside(bb_, n, &at)) {
+            keptAt_ = kNoWord;
+            WriteBits(bb_, n, static_cast<int32_t>(v));
+            return;
+        }
+        const uint32_t p = bb_->bitPos, offset = p & 63;
+        uint64_t w = at == keptAt_ && p == keptEnd_ ? kept_ : loadWord(bb_->data + at);
+        if (offset + n <= 64) {
+            w = mergeWordBits(w, offset, n, v);
+        } else {
+            const uint32_t low = offset + n - 64;
+            storeWord(bb_->data + at, mergeWordBits(w, offset, n - low, v >> low));
+            at += 8;
+            w = mergeWordBits(loadWord(bb_->data + at), 0, low, v);
+        }
+        storeWord(bb_->data + at, w);
+        kept_ = w;
+        keptAt_ = at;
+        keptEnd_ = p + n;
+        bb_->bitPos = p + n;
+    }
+    void write64(uint32_t n, uint64_t v) {
+        keptAt_ = kNoWord;
+        WriteBits64(bb_, n, v);
+    }
     uint32_t fixed(uint32_t n, uint32_t value, const Name& name, bool kept) {
         const uint32_t v = n >= 32 ? value : value & ((1u << n) - 1u);
         note(bb_->bitPos, name, v, static_cast<int32_t>(n), kept);
-        writeBits(bb_, n, v);
+        put(n, v);
         return v;
     }
     // Standard ue(v) for every code number up to 2^32 - 2 (the largest a
@@ -225,33 +256,35 @@ private:
         const uint64_t x = uint64_t(v) + 1;
         const uint32_t bits = 64 - static_cast<uint32_t>(__builtin_clzll(x));
         if (x < 0x1000000u) {
-            WriteExponentialGolombCode(bb_, static_cast<int32_t>(v));
+            // The exported writer's code: bits - 1 zeros, then x.
+            if (bits > 1) put(bits - 1, 0);
+            put(bits, static_cast<uint32_t>(x));
         } else {
             // The exported writer adds 48 zeros from 2^24 up; write the
             // standard code here so that the unit reads back.
-            WriteBits64(bb_, bits - 1, 0);
-            WriteBits64(bb_, bits, x);
+            write64(bits - 1, 0);
+            write64(bits, x);
         }
         return v;
     }
-    // se(v). Values up to 0 go through the library's signed writer, whose
-    // mapping (-2v) is the standard one there; positive values take the
-    // standard 2v - 1, which that writer does not use.
+    // se(v) with the standard mapping (-2v up to 0, 2v - 1 above), written
+    // as ue(v). (The library's exported signed writer agrees up to 0 only.)
     int32_t signedCode(int32_t value, const Name& name, bool kept) {
         const int32_t v = value == INT32_MIN ? INT32_MIN + 1 : value;
         note(bb_->bitPos, name, v, kSe, kept);
         const uint32_t codeNum = v <= 0 ? 0u - 2u * static_cast<uint32_t>(v) : 2u * static_cast<uint32_t>(v) - 1u;
-        if (v <= 0 && codeNum < 0xFFFFFFu) {
-            WriteSignedExponentialGolombCode(bb_, v);
-        } else {
-            // code() would note the element a second time
-            FieldSink* sink = sink_;
-            sink_ = nullptr;
-            code(codeNum, name, kept);
-            sink_ = sink;
-        }
+        // code() would note the element a second time
+        FieldSink* sink = sink_;
+        sink_ = nullptr;
+        code(codeNum, name, kept);
+        sink_ = sink;
         return v;
     }
+
+    static constexpr uint64_t kNoWord = ~uint64_t(0);
+    uint64_t kept_ = 0;            // the word put() wrote last, most significant bit first
+    uint64_t keptAt_ = kNoWord;    // its byte offset in the buffer
+    uint32_t keptEnd_ = 0;         // bitPos after that write
 };
 
 }  // namespace qnv::syntax
