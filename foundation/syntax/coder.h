@@ -172,10 +172,18 @@ private:
     }
 };
 
-class WriteCoder : public CoderBase {
+// kKeepWord: the word the last write left is kept in the coder, and a write
+// that goes on from there takes it rather than loading it back (the load
+// would wait for the store before it). That pays only where the coder lives
+// in registers: a small payload built whole in one inlined function. A
+// write that is not the next one (bitPos moved by other means) loads the
+// word again; other code must not change the kept word's bytes in between.
+template <bool kKeepWord>
+class BasicWriteCoder : public CoderBase {
 public:
     static constexpr bool kWriting = true;
-    explicit WriteCoder(BitBuffer* bb, FieldSink* sink = nullptr, uint32_t origin = 0) : CoderBase(bb, sink, origin) {}
+    explicit BasicWriteCoder(BitBuffer* bb, FieldSink* sink = nullptr, uint32_t origin = 0)
+        : CoderBase(bb, sink, origin) {}
 
     template <Word W>
     uint32_t u(uint32_t n, const W& f, Name name, Bounds b = {}) {
@@ -211,19 +219,21 @@ public:
     void derive(const W&, uint32_t) {}
 
 private:
-    // n bits of v. The word the last write left is kept here with its place:
-    // a write that goes on from there takes it rather than loading it back,
-    // which would wait for the store before. A write that is not the next
-    // one (bitPos moved by other means) loads the word again.
+    // n bits of v.
     void put(uint32_t n, uint32_t v) {
+        if constexpr (!kKeepWord) {
+            writeBits(bb_, n, v);
+            return;
+        }
         uint64_t at;
         if (!wordsInside(bb_, n, &at)) {
-            keptAt_ = kNoWord;
-            WriteBits(bb_, n, static_cast<int32_t>(v));
+            keptEnd_ = kNoEnd;
+            writeBits(bb_, n, v);
             return;
         }
         const uint32_t p = bb_->bitPos, offset = p & 63;
-        uint64_t w = at == keptAt_ && p == keptEnd_ ? kept_ : loadWord(bb_->data + at);
+        // The kept word holds bit p when the last write ended at p inside it.
+        uint64_t w = p == keptEnd_ && offset != 0 ? kept_ : loadWord(bb_->data + at);
         if (offset + n <= 64) {
             w = mergeWordBits(w, offset, n, v);
         } else {
@@ -234,12 +244,11 @@ private:
         }
         storeWord(bb_->data + at, w);
         kept_ = w;
-        keptAt_ = at;
         keptEnd_ = p + n;
         bb_->bitPos = p + n;
     }
     void write64(uint32_t n, uint64_t v) {
-        keptAt_ = kNoWord;
+        if constexpr (kKeepWord) keptEnd_ = kNoEnd;
         WriteBits64(bb_, n, v);
     }
     uint32_t fixed(uint32_t n, uint32_t value, const Name& name, bool kept) {
@@ -255,9 +264,11 @@ private:
         note(bb_->bitPos, name, v, kUe, kept);
         const uint64_t x = uint64_t(v) + 1;
         const uint32_t bits = 64 - static_cast<uint32_t>(__builtin_clzll(x));
-        if (x < 0x1000000u) {
-            // The exported writer's code: bits - 1 zeros, then x.
-            if (bits > 1) put(bits - 1, 0);
+        if (x < 0x10000u) {
+            // The exported writer's code: bits - 1 zeros, then x, at once.
+            put(2 * bits - 1, static_cast<uint32_t>(x));
+        } else if (x < 0x1000000u) {
+            put(bits - 1, 0);
             put(bits, static_cast<uint32_t>(x));
         } else {
             // The exported writer adds 48 zeros from 2^24 up; write the
@@ -281,11 +292,15 @@ private:
         return v;
     }
 
-    static constexpr uint64_t kNoWord = ~uint64_t(0);
-    uint64_t kept_ = 0;            // the word put() wrote last, most significant bit first
-    uint64_t keptAt_ = kNoWord;    // its byte offset in the buffer
-    uint32_t keptEnd_ = 0;         // bitPos after that write
+    // No kept word (bitPos is never 0 after a write).
+    static constexpr uint32_t kNoEnd = 0;
+    uint64_t kept_ = 0;          // the word put() wrote last, most significant bit first
+    uint32_t keptEnd_ = kNoEnd;  // bitPos after that write
 };
+
+using WriteCoder = BasicWriteCoder<false>;
+// For SEI payloads built whole inside one flattened function.
+using InlineWriteCoder = BasicWriteCoder<true>;
 
 }  // namespace qnv::syntax
 

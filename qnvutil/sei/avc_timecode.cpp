@@ -42,9 +42,10 @@ bool fieldBasedUnits(const H264SpsRecord& sps, uint32_t tcType) {
 
 // The payload bytes (bit_equal_to_one and zeros up to the byte, 7.3.2.3.1);
 // returns their count.
-uint32_t writePayload(const h264::PicTiming& timing, const h264::PicTimingLayout& layout, uint8_t* out) {
+[[gnu::flatten]] uint32_t writePayload(const h264::PicTiming& timing, const h264::PicTimingLayout& layout,
+                                       uint8_t* out) {
     BitBuffer w{out, kPayloadBytes, kPayloadBytes * 8, 0};
-    syntax::WriteCoder c(&w);
+    syntax::InlineWriteCoder c(&w);
     h264::picTiming(c, timing, layout);
     if (w.bitPos % 8 != 0) {
         WriteBits(&w, 1, 1);

@@ -32,7 +32,7 @@ uint32_t findPlace(const uint8_t* data, uint32_t size) {
         if (j == limit - 1) break;
         const uint32_t i = j - 1;
         if (!isPrefixSei(data + i)) {
-            ++j;
+            j += 3;  // no other 00 00 01 starts inside this one
             continue;
         }
         // guard: an SEI cut off before its payloadType byte is taken as another SEI
@@ -69,7 +69,7 @@ uint32_t findPlace(const uint8_t* data, uint32_t size) {
     uint8_t rbsp[64] = {};
     const uint32_t n = beginHevcSei(rbsp, static_cast<uint8_t>(hevc::kTimeCodePayloadType));
     BitBuffer w{rbsp, sizeof rbsp, sizeof rbsp * 8, 8 * n};
-    syntax::WriteCoder c(&w);
+    syntax::InlineWriteCoder c(&w);
     hevc::timeCode(c, payload);
     return closeHevcSei(&w, out, outSize);
 }

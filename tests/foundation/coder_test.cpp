@@ -11,7 +11,6 @@
 
 namespace {
 
-using qnv::syntax::WriteCoder;
 
 // The standard ue(v) through the exported writers (whose own code from 2^24
 // up differs, so that range is written bit by bit as the standard has it).
@@ -37,10 +36,11 @@ uint32_t drawValue(std::mt19937& rng) {
 
 }  // namespace
 
-TEST(WriteCoder, WritesWhatTheBitWritersWrite) {
-    // Elements of every kind in random order, into buffers of every size
-    // (cut anywhere, so that the end takes the bit-by-bit path), with bitPos
-    // sometimes moved between elements by other code.
+// Elements of every kind in random order, into buffers of every size (cut
+// anywhere, so that the end takes the bit-by-bit path), with bitPos
+// sometimes moved between elements by other code.
+template <class Coder>
+void expectBitWritersBytes() {
     std::mt19937 rng(29);
     for (int round = 0; round < 4000; ++round) {
         std::vector<uint8_t> fast(48), model(48);
@@ -48,7 +48,7 @@ TEST(WriteCoder, WritesWhatTheBitWritersWrite) {
         const uint32_t sizeBytes = rng() % 6 == 0 ? 0 : 1 + rng() % 40;
         BitBuffer f{fast.data(), sizeBytes, 0, static_cast<uint32_t>(rng() % 70)};
         BitBuffer m{model.data(), sizeBytes, 0, f.bitPos};
-        WriteCoder c(&f);
+        Coder c(&f);
         for (int k = 0; k < 10 && m.bitPos < 300; ++k) {
             const uint32_t v = drawValue(rng);
             switch (rng() % 6) {
@@ -74,7 +74,7 @@ TEST(WriteCoder, WritesWhatTheBitWritersWrite) {
                     qnv::WriteBits64(&m, 40, uint64_t(v) << 8 | 0x5A);
                     break;
                 case 4: {
-                    // Other code moves on (the coder must not use its kept word).
+                    // Other code moves bitPos on between elements.
                     const uint32_t n = rng() % 12;
                     SkipBits(&f, n);
                     SkipBits(&m, n);
@@ -89,4 +89,9 @@ TEST(WriteCoder, WritesWhatTheBitWritersWrite) {
             ASSERT_EQ(fast, model) << round << " element " << k;
         }
     }
+}
+
+TEST(WriteCoder, WritesWhatTheBitWritersWrite) {
+    ASSERT_NO_FATAL_FAILURE(expectBitWritersBytes<qnv::syntax::WriteCoder>());
+    ASSERT_NO_FATAL_FAILURE(expectBitWritersBytes<qnv::syntax::InlineWriteCoder>());
 }
