@@ -91,10 +91,6 @@ inline uint64_t mergeWordBits(uint64_t w, uint32_t offset, uint32_t n, uint64_t 
     return (w & ~mask) | ((v << shift) & mask);
 }
 
-inline void putWordBits(uint8_t* p, uint32_t offset, uint32_t n, uint64_t v) {
-    storeWord(p, mergeWordBits(loadWord(p), offset, n, v));
-}
-
 // The word fast path applies: 1 to 32 bits whose one or two words lie inside
 // a buffer of known size. Gives the byte offset of the first word.
 inline bool wordsInside(const BitBuffer* bb, uint32_t n, uint64_t* word) {
@@ -104,19 +100,30 @@ inline bool wordsInside(const BitBuffer* bb, uint32_t n, uint64_t* word) {
     return n - 1 < 32 && bb->sizeBytes != 0 && *word + 8 * words <= bb->sizeBytes;
 }
 
-// True when the fast path wrote the n bits of v.
-inline bool writeWordBits(BitBuffer* bb, uint32_t n, uint32_t v) {
-    uint64_t word;
-    if (!wordsInside(bb, n, &word)) return false;
+// The n bits of v at bitPos, into the word at byte `at` (which holds
+// `first`) and, when they cross its end, the next one, for which
+// wordsInside held; returns the last word as written.
+inline uint64_t putWords(BitBuffer* bb, uint64_t at, uint64_t first, uint32_t n, uint32_t v) {
     const uint32_t offset = bb->bitPos & 63;
+    uint64_t w;
     if (offset + n <= 64) {
-        putWordBits(bb->data + word, offset, n, v);
+        w = mergeWordBits(first, offset, n, v);
     } else {
         const uint32_t low = offset + n - 64;
-        putWordBits(bb->data + word, offset, n - low, v >> low);
-        putWordBits(bb->data + word + 8, 0, low, v);
+        storeWord(bb->data + at, mergeWordBits(first, offset, n - low, v >> low));
+        at += 8;
+        w = mergeWordBits(loadWord(bb->data + at), 0, low, v);
     }
+    storeWord(bb->data + at, w);
     bb->bitPos += n;
+    return w;
+}
+
+// True when the fast path wrote the n bits of v.
+inline bool writeWordBits(BitBuffer* bb, uint32_t n, uint32_t v) {
+    uint64_t at;
+    if (!wordsInside(bb, n, &at)) return false;
+    putWords(bb, at, loadWord(bb->data + at), n, v);
     return true;
 }
 

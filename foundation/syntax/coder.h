@@ -231,21 +231,11 @@ private:
             writeBits(bb_, n, v);
             return;
         }
-        const uint32_t p = bb_->bitPos, offset = p & 63;
+        const uint32_t p = bb_->bitPos;
         // The kept word holds bit p when the last write ended at p inside it.
-        uint64_t w = p == keptEnd_ && offset != 0 ? kept_ : loadWord(bb_->data + at);
-        if (offset + n <= 64) {
-            w = mergeWordBits(w, offset, n, v);
-        } else {
-            const uint32_t low = offset + n - 64;
-            storeWord(bb_->data + at, mergeWordBits(w, offset, n - low, v >> low));
-            at += 8;
-            w = mergeWordBits(loadWord(bb_->data + at), 0, low, v);
-        }
-        storeWord(bb_->data + at, w);
-        kept_ = w;
+        const bool kept = p == keptEnd_ && (p & 63) != 0;
+        kept_ = putWords(bb_, at, kept ? kept_ : loadWord(bb_->data + at), n, v);
         keptEnd_ = p + n;
-        bb_->bitPos = p + n;
     }
     void write64(uint32_t n, uint64_t v) {
         if constexpr (kKeepWord) keptEnd_ = kNoEnd;
