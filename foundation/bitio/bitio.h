@@ -104,7 +104,8 @@ inline bool wordsInside(const BitBuffer* bb, uint32_t n, uint64_t* word) {
 // `first`) and, when they cross its end, the next one, for which
 // wordsInside held; returns the last word as written.
 inline uint64_t putWords(BitBuffer* bb, uint64_t at, uint64_t first, uint32_t n, uint32_t v) {
-    const uint32_t offset = bb->bitPos & 63;
+    // bitPos is read once: the stores below may alias it.
+    const uint32_t p = bb->bitPos, offset = p & 63;
     uint64_t w;
     if (offset + n <= 64) {
         w = mergeWordBits(first, offset, n, v);
@@ -115,7 +116,7 @@ inline uint64_t putWords(BitBuffer* bb, uint64_t at, uint64_t first, uint32_t n,
         w = mergeWordBits(loadWord(bb->data + at), 0, low, v);
     }
     storeWord(bb->data + at, w);
-    bb->bitPos += n;
+    bb->bitPos = p + n;
     return w;
 }
 
