@@ -233,13 +233,16 @@ extern "C" uint32_t qnvutilFindNalUnitsHevc(HevcFrameContext* frame, HevcVpsReco
     h264_stream_t* h = h264_new();
     if (h == nullptr) return 0;
 
+    // The find_nal_unit walk, through the walker (block masks kept from unit
+    // to unit).
+    NalUnitWalker walker(data, size);
     uint32_t walked = 0, offset = 0;
     while (offset < size) {
-        int32_t start = -1, end = -1;
-        if (find_nal_unit(data + offset, size - offset, &start, &end) == 0 && start < 0) break;
+        const UnitBounds bounds = walker.find(offset);
+        if (!bounds.found()) break;
         ++walked;
-        const uint32_t at = offset + static_cast<uint32_t>(start);
-        const uint32_t length = static_cast<uint32_t>(end - start);
+        const uint32_t at = static_cast<uint32_t>(bounds.start);
+        const uint32_t length = static_cast<uint32_t>(bounds.end - bounds.start);
         const uint8_t* unit = data + at;
         read_nal_unit(h, unit, length);
         const uint32_t type = static_cast<uint32_t>(h->nal.nal_unit_type);
@@ -273,7 +276,7 @@ extern "C" uint32_t qnvutilFindNalUnitsHevc(HevcFrameContext* frame, HevcVpsReco
                 if (type >= nal::hevc::kBlaWLp && type <= nal::hevc::kIrapLast) frame->found |= HEVC_FOUND_IRAP;
                 break;
         }
-        offset += end > 0 ? static_cast<uint32_t>(end) : 1u;
+        offset = bounds.end > offset ? static_cast<uint32_t>(bounds.end) : offset + 1;
     }
     h264_free(h);
     return walked;

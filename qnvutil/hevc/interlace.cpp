@@ -232,22 +232,22 @@ private:
 uint32_t FrameRewrite::run() {
     const uint8_t* data = src_.frameData;
     const uint32_t size = src_.frameSize;
+    // The find_nal_unit walk, through the walker (block masks kept from unit
+    // to unit).
+    NalUnitWalker walker(data, size);
     uint32_t offset = 0;
     while (offset < size && !out_.full()) {
-        const uint8_t* p = data + offset;
-        const uint32_t remaining = size - offset;
         // guard: a remainder too short for a start code and a header byte
         // holds no unit (the scanner would return it whole, without a start code)
-        if (remaining < 4) break;
-        int32_t start = 0, end = 0;
-        const int32_t length = find_nal_unit(p, remaining, &start, &end);
-        if (length == 0 && end == 0) break;  // no further start code
-        const uint32_t header = offset + static_cast<uint32_t>(start);
-        offset += static_cast<uint32_t>(end);
-        if (length == 0) continue;  // an empty unit: two start codes in a row
-        const uint8_t* unit = p + start;
-        const uint32_t unitSize = static_cast<uint32_t>(length);
-        const uint32_t startCode = start >= 4 && p[start - 4] == 0 ? 4 : 3;
+        if (size - offset < 4) break;
+        const UnitBounds bounds = walker.find(offset);
+        if (!bounds.found()) break;  // no further start code
+        const uint32_t header = static_cast<uint32_t>(bounds.start);
+        const uint32_t unitSize = static_cast<uint32_t>(bounds.end - bounds.start);
+        const uint32_t startCode = header - offset >= 4 && data[header - 4] == 0 ? 4 : 3;
+        offset = static_cast<uint32_t>(bounds.end);
+        if (unitSize == 0) continue;  // an empty unit: two start codes in a row
+        const uint8_t* unit = data + header;
         if (field_ == Field::kFirst && header >= secondField_) {
             field_ = Field::kSecond;
             seiWritten_ = false;
