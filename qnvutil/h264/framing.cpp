@@ -42,16 +42,6 @@ constexpr uint32_t kNone = 0xFFFFFFFFu;
 // arguments (which differs with and without AVX) never applies.
 #pragma GCC diagnostic ignored "-Wpsabi"
 
-// 32 bytes as one vector (two SSE2 registers, or one AVX2 register in the
-// AVX2 build of the conversion).
-typedef uint8_t Bytes32 __attribute__((vector_size(32)));
-
-[[gnu::always_inline]] inline Bytes32 load32(const uint8_t* p) {
-    Bytes32 v;
-    std::memcpy(&v, p, sizeof v);
-    return v;
-}
-
 // Frames below four bytes: only 00 00 01 converts (to FF FF FF FF, the size
 // - 4 of a frame without a slot of its own, in the spare byte the code
 // provides). guard: any other short frame would get its length written past
@@ -61,8 +51,9 @@ uint32_t tinyResult(const uint8_t* data, uint32_t size) {
 }
 
 // Moves bytes [lo, hi) up by `shift` (0 < shift): long runs through memmove;
-// shorter ones from the top down in 32-byte blocks, with the lowest block (or
-// the two halves of a short run) loaded before any store can reach it.
+// shorter ones from the top down in blocks of kChunk bytes, with the lowest
+// block (or the two halves of a short run) loaded before any store can reach
+// it.
 template <size_t kSize>
 [[gnu::always_inline]] inline void moveEnds(uint8_t* data, uint32_t lo, uint32_t hi, uint32_t shift) {
     uint8_t head[kSize], tail[kSize];
@@ -72,19 +63,25 @@ template <size_t kSize>
     std::memcpy(data + lo + shift, head, kSize);
 }
 
+template <size_t kChunk>
 [[gnu::always_inline]] inline void moveUp(uint8_t* data, uint32_t lo, uint32_t hi, uint32_t shift) {
+    typedef uint8_t Chunk __attribute__((vector_size(kChunk)));
     const uint32_t n = hi - lo;
     if (n >= 4096) {
         std::memmove(data + lo + shift, data + lo, n);
-    } else if (n > 32) {
-        Bytes32 head = load32(data + lo);
+    } else if (n > kChunk) {
+        Chunk head;
+        std::memcpy(&head, data + lo, kChunk);
         uint32_t i = hi;
-        while (i - lo > 32) {
-            i -= 32;
-            Bytes32 v = load32(data + i);
-            std::memcpy(data + i + shift, &v, 32);
+        while (i - lo > kChunk) {
+            i -= kChunk;
+            Chunk v;
+            std::memcpy(&v, data + i, kChunk);
+            std::memcpy(data + i + shift, &v, kChunk);
         }
-        std::memcpy(data + lo + shift, &head, 32);
+        std::memcpy(data + lo + shift, &head, kChunk);
+    } else if (kChunk > 32 && n > 32) {
+        moveEnds<32>(data, lo, hi, shift);
     } else if (n >= 16) {
         moveEnds<16>(data, lo, hi, shift);
     } else if (n >= 8) {
@@ -101,6 +98,15 @@ template <size_t kSize>
 
 using namespace qnv::blockscan;
 
+// The bytes moveUp moves per step: one register of the widest size, and
+// two SSE2 registers where AVX is not there.
+template <class Isa>
+constexpr size_t kMoveBytes = 32;
+#if defined(__x86_64__)
+template <>
+constexpr size_t kMoveBytes<Avx512> = 64;
+#endif
+
 // The conversion of a frame of size >= 4 in two passes over the start codes,
 // each found from block masks (a 00 00 01 at j is a code; it has four bytes,
 // from j - 1, when data[j - 1] is 00 as well; a three-byte code at size - 3
@@ -115,6 +121,8 @@ using namespace qnv::blockscan;
 // to the next through its length) and the frame is as it was.
 template <class Isa>
 class Conversion {
+    static constexpr size_t kMoveChunk = kMoveBytes<Isa>;
+
 public:
     Conversion(uint8_t* data, uint32_t size) : data_(data), size_(size) {}
 
@@ -190,7 +198,7 @@ private:
     // above it are placed) and writes its slot.
     void place(uint64_t j) {
         const uint32_t at = codeStart(j), length = static_cast<uint32_t>(j + 3 - at);
-        if (shift_ != 0) moveUp(data_, static_cast<uint32_t>(j + 3), hi_, shift_);
+        if (shift_ != 0) moveUp<kMoveChunk>(data_, static_cast<uint32_t>(j + 3), hi_, shift_);
         if (length == 3) --shift_;
         const uint32_t slot = at + shift_;
         putBe32(data_ + slot, next_ - slot - 4);
