@@ -147,41 +147,66 @@ private:
     // The code whose 00 00 01 starts at j: its first byte and its length.
     uint32_t codeStart(uint64_t j) const { return j >= 1 && data_[j - 1] == 0 ? uint32_t(j - 1) : uint32_t(j); }
 
+    // Up to the first three-byte code: the lengths of the units in front of
+    // it, which keep their place; from there on widenedRest() counts.
     void forward() {
-        const uint32_t tailCode = size_ - 3;
         uint64_t base = 0;
         while (base + 2 < size_) {
             for (uint64_t m = blockHits<Isa, false>(data_, base, size_); m != 0; m &= m - 1) {
                 const uint64_t j = base + static_cast<uint32_t>(__builtin_ctzll(m));
                 const uint32_t code = codeStart(j);
                 const bool wide = code == j;
-                if (wide && j == tailCode) {
+                if (wide && j == size_ - 3) {
                     tail_ = true;
                     return;
                 }
-                // Units in front of the first three-byte code keep their place.
-                if (widened_ == 0) {
-                    if (codes_ > 0) {
-                        putBe32(data_ + last_, code - last_ - 4);
-                        ++written_;
-                    } else {
-                        first_ = code;
-                    }
-                    if (wide) firstWide_ = code;
-                }
-                widened_ += wide ? 1 : 0;
-                if (widened_ != 0) {
-                    if (recordedCount_ < kRecorded) {
-                        recorded_[recordedCount_++] = static_cast<uint32_t>(j);
-                    } else {
-                        allRecorded_ = false;
-                    }
+                if (codes_ > 0) {
+                    putBe32(data_ + last_, code - last_ - 4);
+                    ++written_;
+                } else {
+                    first_ = code;
                 }
                 last_ = code;
                 ++codes_;
+                if (wide) {
+                    firstWide_ = code;
+                    widenedRest(base, j, m & (m - 1));
+                    return;
+                }
             }
             base = skipToPair<Isa>(data_, base + kBlock, size_);
         }
+    }
+
+    // From the first three-byte code (its 00 00 01 at `first`) on: counts the
+    // codes and the three-byte ones and records their positions; `m` holds
+    // the hits of the block at base after it.
+    void widenedRest(uint64_t base, uint64_t first, uint64_t m) {
+        const uint64_t tailCode = size_ - 3;
+        uint32_t codes = 1, widened = 1;
+        recorded_[0] = static_cast<uint32_t>(first);
+        for (;;) {
+            for (; m != 0; m &= m - 1) {
+                const uint64_t j = base + static_cast<uint32_t>(__builtin_ctzll(m));
+                const bool wide = data_[j - 1] != 0;  // j > first, so j >= 1
+                if (wide && j == tailCode) {
+                    tail_ = true;
+                    break;
+                }
+                widened += wide ? 1 : 0;
+                // Past the record, the positions go to its spare entry.
+                recorded_[codes < kRecorded ? codes : kRecorded] = static_cast<uint32_t>(j);
+                ++codes;
+            }
+            if (tail_) break;
+            base = skipToPair<Isa>(data_, base + kBlock, size_);
+            if (base + 2 >= size_) break;
+            m = blockHits<Isa, false>(data_, base, size_);
+        }
+        codes_ += codes - 1;
+        widened_ = widened;
+        recordedCount_ = codes < kRecorded ? codes : kRecorded;
+        allRecorded_ = codes <= kRecorded;
     }
 
     // Puts 00 00 00 01 back into the slots forward() wrote.
@@ -249,7 +274,7 @@ private:
     // The positions (of the 00 00 01) of the codes from the first three-byte
     // one on, as far as they fit: pass two finds only the others again.
     static constexpr uint32_t kRecorded = 4096;  // 16 KiB of stack
-    uint32_t recorded_[kRecorded];
+    uint32_t recorded_[kRecorded + 1];           // and a spare entry
     uint32_t recordedCount_ = 0;
     bool allRecorded_ = true;
     // Pass two: the shift of the bytes behind the current code, the final

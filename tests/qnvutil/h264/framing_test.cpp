@@ -106,18 +106,22 @@ TEST(H264Framing, MarkerToSizeMatchesTheStepByStepWalk) {
 TEST(H264Framing, MarkerToSizeAroundTheRecordedPositions) {
     // Pass one records where the first 4,096 codes lie; pass two finds the
     // codes beyond them again. Frames below and above that room, some with
-    // units of 64 KiB and more between short ones, on every instruction set.
+    // units of 64 KiB and more between short ones, and frames of just as
+    // many three-byte codes as the room holds and one more, on every
+    // instruction set.
     struct Case {
         int units, longEvery;
+        bool plain = false;  // three-byte codes only, payload without 00 or 01
     };
     std::mt19937 rng(3);
-    for (const Case c : {Case{3000, 0}, Case{5200, 0}, Case{3000, 700}, Case{4600, 900}}) {
+    for (const Case c : {Case{3000, 0}, Case{5200, 0}, Case{3000, 700}, Case{4600, 900}, Case{4096, 0, true},
+                         Case{4097, 0, true}}) {
         Bytes frame;
         for (int u = 0; u < c.units; ++u) {
-            if (rng() % 3 == 0) frame.push_back(0);
+            if (!c.plain && rng() % 3 == 0) frame.push_back(0);
             frame.insert(frame.end(), {0, 0, 1});
             static const uint8_t alphabet[] = {0, 0, 1, 3, 0x65, 0xFF, 7, 9};
-            for (int n = rng() % 40; n > 0; --n) frame.push_back(alphabet[rng() % 8]);
+            for (int n = rng() % 40; n > 0; --n) frame.push_back(alphabet[c.plain ? 3 + rng() % 5 : rng() % 8]);
             if (c.longEvery != 0 && u % c.longEvery == c.longEvery / 2) frame.resize(frame.size() + 66000, 0x5A);
         }
         const uint32_t size = static_cast<uint32_t>(frame.size());
