@@ -199,7 +199,11 @@ private:
                 ++codes;
             }
             if (tail_) break;
-            base = skipToPair<Isa>(data_, base + kBlock, size_);
+            // Two chunks a step: faster here over long units (64 units in
+            // 2 MiB: 1.9 against 2.0 times a memmove of the frame). forward()
+            // keeps one chunk a step; with two, its frames of 512-byte units
+            // took 2.4 instead of 1.4 times the memmove.
+            base = skipToPair<Isa, true>(data_, base + kBlock, size_);
             if (base + 2 >= size_) break;
             m = blockHits<Isa, false>(data_, base, size_);
         }
