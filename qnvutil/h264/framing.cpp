@@ -70,15 +70,21 @@ template <size_t kChunk>
     if (n >= 4096) {
         std::memmove(data + lo + shift, data + lo, n);
     } else if (n > kChunk) {
-        Chunk head;
+        // The top chunk, then chunks whose destinations are aligned, each
+        // loaded before the store of the one above it.
+        Chunk head, v;
         std::memcpy(&head, data + lo, kChunk);
-        uint32_t i = hi;
-        while (i - lo > kChunk) {
-            i -= kChunk;
-            Chunk v;
-            std::memcpy(&v, data + i, kChunk);
-            std::memcpy(data + i + shift, &v, kChunk);
+        std::memcpy(&v, data + hi - kChunk, kChunk);
+        int64_t dst = int64_t(hi) + shift - int64_t(kChunk);
+        int64_t next = dst - int64_t(reinterpret_cast<uintptr_t>(data + dst) & (kChunk - 1));
+        for (; next >= int64_t(lo) + shift; next -= int64_t(kChunk)) {
+            Chunk w;
+            std::memcpy(&w, data + next - shift, kChunk);
+            std::memcpy(data + dst, &v, kChunk);
+            v = w;
+            dst = next;
         }
+        std::memcpy(data + dst, &v, kChunk);
         std::memcpy(data + lo + shift, &head, kChunk);
     } else if (kChunk > 32 && n > 32) {
         moveEnds<32>(data, lo, hi, shift);
